@@ -1,0 +1,78 @@
+// Test helpers: run code in a fresh child process that loads the library with
+// dlopen, so every test starts from load-time state of its own.
+#pragma once
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "zop_minimal.h"
+
+// The exported instrumentation API, looked up with dlsym in a child.
+struct zop_api {
+    void* handle = nullptr;
+    decltype(&__zop_api_version) api_version;
+    decltype(&__zop_api_fini) api_fini;
+    decltype(&__zop_domain_createA) domain_createA;
+    decltype(&__zop_domain_create) domain_create;
+    decltype(&__zop_string_handle_createA) string_handle_createA;
+    decltype(&__zop_string_handle_create) string_handle_create;
+    decltype(&__zop_id_create) id_create;
+    decltype(&__zop_id_destroy) id_destroy;
+    decltype(&__zop_task_begin) task_begin;
+    decltype(&__zop_task_begin_explicit) task_begin_explicit;
+    decltype(&__zop_task_begin_async) task_begin_async;
+    decltype(&__zop_task_end) task_end;
+    decltype(&__zop_task_end_explicit) task_end_explicit;
+    decltype(&__zop_task_end_async) task_end_async;
+    decltype(&__zop_region_begin) region_begin;
+    decltype(&__zop_region_end) region_end;
+    decltype(&__zop_task_group) task_group;
+    decltype(&__zop_relation_add) relation_add;
+    decltype(&__zop_metadata_add) metadata_add;
+    decltype(&__zop_metadata_str_addA) metadata_str_addA;
+    decltype(&__zop_metadata_str_add) metadata_str_add;
+    // Looks up a symbol of the loaded library; aborts the child if missing.
+    void* sym(const char* name) const;
+};
+
+struct child_options {
+    std::vector<std::pair<std::string, std::string>> set_env;  // set before loading
+    std::vector<std::string> unset_env;                        // unset before loading
+    std::string cwd;            // working directory of the child, if not empty
+    bool unload = false;        // dlclose at the end (else: exit() runs the exit handlers)
+    int timeout_seconds = 60;   // the child is killed with SIGALRM after this
+};
+
+struct child_result {
+    int status = -1;   // exit code, or 128 + signal number
+    std::string out;   // everything the child wrote to standard output
+    std::string err;   // everything the child wrote to standard error
+};
+
+// Forks; the child applies the options, loads the library, runs body and
+// ends (unload or exit). Returns once the child has ended.
+child_result run_in_child(const child_options& options, const std::function<void(zop_api&)>& body);
+
+// Runs a program with extra environment settings; output is captured.
+child_result run_program(const std::vector<std::string>& argv,
+                         const std::vector<std::pair<std::string, std::string>>& set_env,
+                         const std::vector<std::string>& unset_env = {},
+                         const std::string& cwd = "", int timeout_seconds = 120);
+
+// A fresh directory under the system's temporary directory, removed with its
+// contents when the object goes.
+struct temp_dir {
+    std::string path;
+    temp_dir();
+    ~temp_dir();
+    temp_dir(const temp_dir&) = delete;
+    temp_dir& operator=(const temp_dir&) = delete;
+};
+
+std::string read_file(const std::string& path);
+bool file_exists(const std::string& path);
+// Names of the entries of a directory, sorted; empty when it cannot be read.
+std::vector<std::string> list_dir(const std::string& path);
+// Path of the library under test.
+const char* library_path();

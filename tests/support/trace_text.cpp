@@ -1,0 +1,139 @@
+#include "trace_text.h"
+
+#include <cstdlib>
+#include <sstream>
+
+std::string field(const std::string& text) { return "<field>" + text + "</field>\n"; }
+std::string field(unsigned long long value) { return field(std::to_string(value)); }
+
+std::string id_field(unsigned long long a, unsigned long long b, unsigned long long c) {
+    return "<compound_field>\n" + field(a) + field(b) + field(c) + "</compound_field>\n";
+}
+
+std::string header_lines(unsigned hardware_concurrency) {
+    return "<?xml version=\"1.0\"?>\n<trace version=\"0\" ts_frequency=\"1000000000\" "
+           "hardware_concurrency=\"" +
+           std::to_string(hardware_concurrency) + "\">\n";
+}
+
+std::string record(const std::string& name, const std::string& fields) {
+    return "<record>\n" + field(name) + field("TS") + fields + "</record>\n";
+}
+
+std::string file_end() { return record("end_of_records") + "</trace>\n"; }
+
+namespace {
+bool all_digits(const std::string& s) {
+    if (s.empty()) return false;
+    for (char c : s)
+        if (c < '0' || c > '9') return false;
+    return true;
+}
+
+std::vector<std::string> split_lines(const std::string& text, bool& ends_with_newline) {
+    std::vector<std::string> lines;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t nl = text.find('\n', start);
+        if (nl == std::string::npos) {
+            lines.push_back(text.substr(start));
+            ends_with_newline = false;
+            return lines;
+        }
+        lines.push_back(text.substr(start, nl - start));
+        start = nl + 1;
+    }
+    ends_with_newline = true;
+    return lines;
+}
+
+// The text of "<field>x</field>", or false.
+bool field_text(const std::string& line, std::string& text) {
+    static const std::string open = "<field>", close = "</field>";
+    if (line.size() < open.size() + close.size() || line.compare(0, open.size(), open) != 0 ||
+        line.compare(line.size() - close.size(), close.size(), close) != 0)
+        return false;
+    text = line.substr(open.size(), line.size() - open.size() - close.size());
+    return true;
+}
+}  // namespace
+
+std::string mask_timestamps(const std::string& trace) {
+    bool nl = true;
+    std::vector<std::string> lines = split_lines(trace, nl);
+    std::string out;
+    for (size_t i = 0; i < lines.size(); ++i) {
+        std::string text;
+        if (i >= 2 && lines[i - 2] == "<record>" && field_text(lines[i], text) && all_digits(text))
+            out += "<field>TS</field>";
+        else
+            out += lines[i];
+        if (i + 1 < lines.size() || nl) out += "\n";
+    }
+    return out;
+}
+
+parsed_trace parse_trace(const std::string& text) {
+    parsed_trace result;
+    bool nl = true;
+    std::vector<std::string> lines = split_lines(text, nl);
+    auto fail = [&](size_t line, const std::string& why) {
+        result.error = "line " + std::to_string(line + 1) + ": " + why;
+        return result;
+    };
+    if (!nl) return fail(lines.size() - 1, "last line has no line feed");
+    if (lines.size() < 2 || lines[0] != "<?xml version=\"1.0\"?>") return fail(0, "bad header line 1");
+    static const std::string h2 = "<trace version=\"0\" ts_frequency=\"1000000000\" hardware_concurrency=\"";
+    if (lines[1].compare(0, h2.size(), h2) != 0 || lines[1].size() < h2.size() + 3 ||
+        lines[1].compare(lines[1].size() - 2, 2, "\">") != 0 ||
+        !all_digits(lines[1].substr(h2.size(), lines[1].size() - h2.size() - 2)))
+        return fail(1, "bad header line 2");
+    result.hardware_concurrency = unsigned(std::strtoul(lines[1].c_str() + h2.size(), nullptr, 10));
+    size_t i = 2;
+    while (i < lines.size()) {
+        if (lines[i] == "</trace>") {
+            if (i + 1 != lines.size()) return fail(i + 1, "text after </trace>");
+            if (result.records.empty() || result.records.back().name != "end_of_records")
+                return fail(i, "</trace> without end_of_records");
+            result.records.pop_back();
+            result.finished = true;
+            result.ok = true;
+            return result;
+        }
+        if (!result.records.empty() && result.records.back().name == "end_of_records")
+            return fail(i, "record after end_of_records");
+        if (lines[i] != "<record>") return fail(i, "expected <record>, got '" + lines[i] + "'");
+        parsed_record rec;
+        std::string ts;
+        if (i + 2 >= lines.size() || !field_text(lines[i + 1], rec.name) || !field_text(lines[i + 2], ts) ||
+            !all_digits(ts))
+            return fail(i, "record without name and timestamp");
+        rec.timestamp = std::strtoull(ts.c_str(), nullptr, 10);
+        i += 3;
+        for (;;) {
+            if (i >= lines.size()) return fail(i, "record cut short");
+            std::string value;
+            if (lines[i] == "</record>") {
+                ++i;
+                break;
+            }
+            if (lines[i] == "<compound_field>") {
+                std::string a, b, c;
+                if (i + 4 >= lines.size() || !field_text(lines[i + 1], a) || !field_text(lines[i + 2], b) ||
+                    !field_text(lines[i + 3], c) || lines[i + 4] != "</compound_field>")
+                    return fail(i, "bad compound field");
+                rec.fields.push_back("{" + a + "," + b + "," + c + "}");
+                i += 5;
+            } else if (field_text(lines[i], value)) {
+                rec.fields.push_back(value);
+                ++i;
+            } else {
+                return fail(i, "unexpected line '" + lines[i] + "'");
+            }
+        }
+        result.records.push_back(rec);
+    }
+    // Complete records but no end: a file of a process that did not finish it.
+    result.ok = true;
+    return result;
+}

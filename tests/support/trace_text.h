@@ -1,0 +1,38 @@
+// Test helpers for trace file text: expected lines, and a strict reader that
+// splits a file into records.
+#pragma once
+#include <string>
+#include <vector>
+
+// "<field>text</field>\n"
+std::string field(const std::string& text);
+std::string field(unsigned long long value);
+// A compound field of three words (five lines).
+std::string id_field(unsigned long long a, unsigned long long b, unsigned long long c);
+// The two header lines.
+std::string header_lines(unsigned hardware_concurrency);
+// A whole record whose timestamp line reads "<field>TS</field>".
+std::string record(const std::string& name, const std::string& fields = "");
+// The end_of_records record and "</trace>" with a masked timestamp.
+std::string file_end();
+// Replaces the timestamp line of every record by "<field>TS</field>"; a
+// timestamp that is not a plain decimal number is left as it is.
+std::string mask_timestamps(const std::string& trace);
+
+struct parsed_record {
+    std::string name;
+    unsigned long long timestamp = 0;
+    // Scalar fields as their text, compound fields as "{a,b,c}".
+    std::vector<std::string> fields;
+};
+
+struct parsed_trace {
+    bool ok = false;        // header, records and end as the format says
+    bool finished = false;  // ends with end_of_records and "</trace>"
+    unsigned hardware_concurrency = 0;
+    std::vector<parsed_record> records;  // without the end_of_records record
+    std::string error;                   // what was wrong, when not ok
+};
+
+// Reads trace file text line by line; stops at the first line that does not fit.
+parsed_trace parse_trace(const std::string& text);
