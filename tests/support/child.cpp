@@ -114,6 +114,7 @@ child_result run_in_child(const child_options& options, const std::function<void
         redirect(2, err_path);
         apply_env(options.set_env, options.unset_env);
         if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0) _exit(102);
+        if (options.before_load) options.before_load();
         zop_api api;
         api.handle = dlopen(library_path(), RTLD_NOW | RTLD_LOCAL);
         if (!api.handle) {

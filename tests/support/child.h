@@ -42,6 +42,7 @@ struct child_options {
     std::string cwd;            // working directory of the child, if not empty
     bool unload = false;        // dlclose at the end (else: exit() runs the exit handlers)
     int timeout_seconds = 60;   // the child is killed with SIGALRM after this
+    std::function<void()> before_load;  // runs in the child just before dlopen
 };
 
 struct child_result {

@@ -1,0 +1,288 @@
+// Every entry point of the instrumentation API, checked byte for byte in the
+// trace file of the calling thread.
+#include <gtest/gtest.h>
+#include <sched.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <thread>
+
+#include "child.h"
+#include "trace_text.h"
+
+namespace {
+
+// What a case emits and what it must leave between the header and the end.
+struct api_case {
+    const char* name;
+    void (*emit)(zop_api& api, ___zop_domain* d, ___zop_string_handle* h);
+    // Expected records; d and h are the handle fields as recorded.
+    std::string (*expected)(const std::string& d, const std::string& h);
+};
+
+// Runs one case in a fresh child pinned to CPU 0 and returns the text of the
+// first thread's file together with the recorded handle fields.
+struct case_output {
+    child_result child;
+    std::string trace;
+    std::string d, h;
+};
+
+unsigned long long address(const void* p) {
+    return static_cast<unsigned long long>(static_cast<long long>(reinterpret_cast<intptr_t>(p)));
+}
+
+case_output run_case(void (*emit)(zop_api&, ___zop_domain*, ___zop_string_handle*)) {
+    temp_dir dir;
+    case_output result;
+    result.child = run_in_child({{{"VUN_DIR", dir.path}}}, [&](zop_api& api) {
+        cpu_set_t cpus;
+        CPU_ZERO(&cpus);
+        CPU_SET(0, &cpus);
+        sched_setaffinity(0, sizeof cpus, &cpus);
+        ___zop_domain* d = api.domain_createA("d");
+        ___zop_string_handle* h = api.string_handle_createA("h");
+        printf("%llu %llu\n", address(d), address(h));
+        emit(api, d, h);
+    });
+    char d[32] = "", h[32] = "";
+    sscanf(result.child.out.c_str(), "%31s %31s", d, h);
+    result.d = d;
+    result.h = h;
+    std::string text = mask_timestamps(read_file(dir.path + "/_ryl.0"));
+    // Drop the header, the two handle records and the end.
+    std::string prefix = header_lines(std::thread::hardware_concurrency()) +
+                         record("domain_createA", field(result.d) + field(1) + field("d")) +
+                         record("string_handle_createA", field(result.h) + field(1) + field("h"));
+    EXPECT_EQ(text.compare(0, prefix.size(), prefix), 0) << text;
+    std::string end = file_end();
+    if (text.size() >= prefix.size() + end.size() &&
+        text.compare(text.size() - end.size(), end.size(), end) == 0)
+        result.trace = text.substr(prefix.size(), text.size() - prefix.size() - end.size());
+    else
+        result.trace = "UNFINISHED:" + text;
+    return result;
+}
+
+std::string id3(unsigned long long a, unsigned long long b, unsigned long long c) { return id_field(a, b, c); }
+
+const __zop_id id7{7, 0, 1};
+const __zop_id null_id{0, 0, 0};
+const __zop_id big_id{18446744073709551615ULL, 4294967296ULL, 255};
+
+const api_case api_cases[] = {
+    {"id_create", [](zop_api& a, ___zop_domain* d, ___zop_string_handle*) { a.id_create(d, id7); },
+     [](const std::string& d, const std::string&) { return record("id_create", field(d) + id3(7, 0, 1)); }},
+    {"id_destroy_full_words",
+     [](zop_api& a, ___zop_domain* d, ___zop_string_handle*) { a.id_destroy(d, big_id); },
+     [](const std::string& d, const std::string&) {
+         return record("id_destroy", field(d) + id3(18446744073709551615ULL, 4294967296ULL, 255));
+     }},
+    {"task_begin",
+     [](zop_api& a, ___zop_domain* d, ___zop_string_handle* h) { a.task_begin(d, {7, 0, 0}, null_id, h); },
+     [](const std::string& d, const std::string& h) {
+         return record("task_begin", field(d) + id3(7, 0, 0) + id3(0, 0, 0) + field(h) + field(0));
+     }},
+    {"task_begin_explicit_same_kind",
+     [](zop_api& a, ___zop_domain* d, ___zop_string_handle* h) { a.task_begin_explicit(d, id7, {3, 2, 1}, h); },
+     [](const std::string& d, const std::string& h) {
+         return record("task_begin", field(d) + id3(7, 0, 1) + id3(3, 2, 1) + field(h) + field(0));
+     }},
+    {"task_begin_async",
+     [](zop_api& a, ___zop_domain* d, ___zop_string_handle* h) { a.task_begin_async(d, id7, null_id, h); },
+     [](const std::string& d, const std::string& h) {
+         return record("task_begin_async", field(d) + id3(7, 0, 1) + id3(0, 0, 0) + field(h) + field(0));
+     }},
+    {"task_end_forms",
+     [](zop_api& a, ___zop_domain* d, ___zop_string_handle*) {
+         a.task_end(d);
+         a.task_end_explicit(d);
+         a.task_end_async(d, id7);
+     },
+     [](const std::string& d, const std::string&) {
+         return record("task_end", field(d)) + record("task_end", field(d)) +
+                record("task_end_async", field(d) + id3(7, 0, 1));
+     }},
+    {"region_and_group",
+     [](zop_api& a, ___zop_domain* d, ___zop_string_handle* h) {
+         a.region_begin(d, id7, {1, 0, 0}, h);
+         a.region_end(d, id7);
+         a.task_group(d, {19, 0, 0}, null_id, h);
+     },
+     [](const std::string& d, const std::string& h) {
+         return record("region_begin", field(d) + id3(7, 0, 1) + id3(1, 0, 0) + field(h)) +
+                record("region_end", field(d) + id3(7, 0, 1)) +
+                record("task_group", field(d) + id3(19, 0, 0) + id3(0, 0, 0) + field(h));
+     }},
+    {"null_handles_recorded_as_zero",
+     [](zop_api& a, ___zop_domain*, ___zop_string_handle*) {
+         a.task_group(nullptr, id7, null_id, nullptr);
+         a.task_end(nullptr);
+     },
+     [](const std::string&, const std::string&) {
+         return record("task_group", field(0) + id3(7, 0, 1) + id3(0, 0, 0) + field(0)) +
+                record("task_end", field(0));
+     }},
+    {"relation_low_8_bits",
+     [](zop_api& a, ___zop_domain* d, ___zop_string_handle*) {
+         a.relation_add(d, {5, 1, 0}, 3, {9, 0, 0});
+         a.relation_add(d, id7, 259, id7);
+         a.relation_add(d, id7, 256, id7);
+         a.relation_add(d, id7, -1, id7);
+     },
+     [](const std::string& d, const std::string&) {
+         auto rel = [&](const std::string& head, int kind, const std::string& tail) {
+             return record("relation", field(d) + head + field(std::to_string(kind)) + tail);
+         };
+         return rel(id3(5, 1, 0), 3, id3(9, 0, 0)) + rel(id3(7, 0, 1), 3, id3(7, 0, 1)) +
+                rel(id3(7, 0, 1), 0, id3(7, 0, 1)) + rel(id3(7, 0, 1), 255, id3(7, 0, 1));
+     }},
+    {"metadata_values",
+     [](zop_api& a, ___zop_domain* d, ___zop_string_handle* h) {
+         uint32_t small = 42;
+         a.metadata_add(d, id7, h, 3, 1, &small);
+         // Type 1 holds a code address: read at full pointer width.
+         uintptr_t code = sizeof(void*) == 8 ? uintptr_t(0x7f12345678abULL) : uintptr_t(0x8048000);
+         a.metadata_add(d, id7, h, 1, 1, &code);
+         // Type 3 reads 32 bits even where more follow.
+         uint64_t wide = 0x100000007ULL;
+         a.metadata_add(d, id7, h, 3, 1, &wide);
+     },
+     [](const std::string& d, const std::string& h) {
+         unsigned long long code = sizeof(void*) == 8 ? 0x7f12345678abULL : 0x8048000ULL;
+         auto meta = [&](int type, unsigned long long value) {
+             return record("metadata",
+                           field(d) + id3(7, 0, 1) + field(h) + field(std::to_string(type)) + field(1) + field(value));
+         };
+         return meta(3, 42) + meta(1, code) + meta(3, 7);
+     }},
+    {"metadata_dropped",
+     [](zop_api& a, ___zop_domain* d, ___zop_string_handle* h) {
+         uint64_t v = 5;
+         for (size_t count : {0, 2}) a.metadata_add(d, id7, h, 3, count, &v);
+         for (int type : {0, 2, 4, -1, 259}) a.metadata_add(d, id7, h, type, 1, &v);
+         a.metadata_add(d, id7, h, 1, 1, nullptr);
+         a.metadata_add(d, id7, h, 3, 1, nullptr);
+         a.task_end(d);  // the file still takes records afterwards
+     },
+     [](const std::string& d, const std::string&) { return record("task_end", field(d)); }},
+    {"metadata_strings",
+     [](zop_api& a, ___zop_domain* d, ___zop_string_handle* h) {
+         a.metadata_str_addA(d, id7, h, "abc", 10);
+         a.metadata_str_add(d, id7, h, "abc", 0);
+         a.metadata_str_addA(d, id7, h, "a<b&c\"\nd", 3);
+         a.metadata_str_addA(d, id7, h, nullptr, 5);
+         a.task_end(d);
+     },
+     [](const std::string& d, const std::string& h) {
+         auto meta = [&](unsigned long long length, const std::string& text) {
+             return record("metadata_stringA", field(d) + id3(7, 0, 1) + field(h) + field(length) + field(text));
+         };
+         return meta(10, "abc") + meta(0, "abc") + meta(3, "a<b&c\"\nd") + meta(5, "") + record("task_end", field(d));
+     }},
+};
+
+class api_records : public ::testing::TestWithParam<api_case> {};
+
+TEST_P(api_records, written_byte_for_byte) {
+    const api_case& c = GetParam();
+    case_output out = run_case(c.emit);
+    ASSERT_EQ(out.child.status, 0) << out.child.err;
+    EXPECT_EQ(out.trace, c.expected(out.d, out.h));
+    EXPECT_EQ(out.child.err, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(all, api_records, ::testing::ValuesIn(api_cases),
+                         [](const ::testing::TestParamInfo<api_case>& info) { return info.param.name; });
+
+// Length fields of names count bytes up to 1000 and keep the low 8 bits;
+// the text is always whole.
+TEST(api_handles, name_length_field_and_whole_text) {
+    struct row {
+        size_t length;
+        int recorded;
+    } rows[] = {{0, 0}, {6, 6}, {255, 255}, {256, 0}, {300, 44}, {999, 231}, {1000, 232}, {5000, 232}};
+    temp_dir dir;
+    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [&](zop_api& api) {
+        for (const row& r : rows) {
+            std::string name(r.length, 'n');
+            api.domain_createA(name.c_str());
+            api.string_handle_create(name.c_str());
+        }
+    });
+    ASSERT_EQ(child.status, 0);
+    parsed_trace trace = parse_trace(read_file(dir.path + "/_ryl.0"));
+    ASSERT_TRUE(trace.ok) << trace.error;
+    ASSERT_EQ(trace.records.size(), 2 * (sizeof rows / sizeof rows[0]));
+    for (size_t i = 0; i < trace.records.size(); ++i) {
+        const row& r = rows[i / 2];
+        const parsed_record& rec = trace.records[i];
+        EXPECT_EQ(rec.name, i % 2 ? "string_handle_createA" : "domain_createA");
+        ASSERT_EQ(rec.fields.size(), 3u);
+        EXPECT_EQ(rec.fields[1], std::to_string(r.recorded)) << "name of " << r.length << " bytes";
+        EXPECT_EQ(rec.fields[2], std::string(r.length, 'n'));
+    }
+}
+
+TEST(api_handles, one_handle_per_name_and_registry) {
+    temp_dir dir;
+    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [&](zop_api& api) {
+        char name[] = "openmp";
+        ___zop_domain* a = api.domain_createA(name);
+        name[0] = 'X';  // the registry and the handle keep their own copies
+        ___zop_domain* b = api.domain_create("openmp");
+        ___zop_string_handle* s = api.string_handle_createA("openmp");
+        ___zop_string_handle* t = api.string_handle_create("openmp");
+        a->flags = 5;  // callers may change the fields; the handle keeps them
+        bool ok = a && a == b && s == t && static_cast<void*>(s) != static_cast<void*>(a) &&
+                  api.domain_createA("openmp")->flags == 5 && strcmp(a->name, "openmp") == 0 &&
+                  strcmp(s->name, "openmp") == 0 && s->name != a->name && !a->reserved1 && !a->reserved4 &&
+                  !s->reserved1 && !s->reserved4 && api.domain_createA("Openmp") != a;
+        printf("%s %d\n", ok ? "same" : "different", api.domain_createA("fresh")->flags);
+    });
+    ASSERT_EQ(child.status, 0);
+    EXPECT_EQ(child.out, "same 1\n");
+    parsed_trace trace = parse_trace(read_file(dir.path + "/_ryl.0"));
+    ASSERT_TRUE(trace.ok) << trace.error;
+    ASSERT_EQ(trace.records.size(), 7u);
+    EXPECT_EQ(trace.records[0].fields, trace.records[1].fields);  // same handle, name and length
+    EXPECT_EQ(trace.records[1].name, "domain_createA");
+    EXPECT_EQ(trace.records[2].name, "string_handle_createA");
+    EXPECT_NE(trace.records[2].fields[0], trace.records[0].fields[0]);
+}
+
+TEST(api_handles, null_name_gives_null_handle_and_no_record) {
+    temp_dir dir;
+    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [&](zop_api& api) {
+        bool null_handles = !api.domain_createA(nullptr) && !api.domain_create(nullptr) &&
+                            !api.string_handle_createA(nullptr) && !api.string_handle_create(nullptr);
+        printf("%d\n", null_handles);
+        api.domain_createA("");
+    });
+    ASSERT_EQ(child.status, 0);
+    EXPECT_EQ(child.out, "1\n");
+    parsed_trace trace = parse_trace(read_file(dir.path + "/_ryl.0"));
+    ASSERT_TRUE(trace.ok) << trace.error;
+    ASSERT_EQ(trace.records.size(), 1u);  // only the empty name, which is a valid name
+    EXPECT_EQ(trace.records[0].fields[1], "0");
+    EXPECT_EQ(trace.records[0].fields[2], "");
+}
+
+TEST(api_version, text_and_fini) {
+    temp_dir dir;
+    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [&](zop_api& api) {
+        const char* v = api.api_version();
+        api.api_fini(nullptr);
+        api.task_end(nullptr);  // records after fini still arrive
+        printf("%s|%d\n", v, v == api.api_version());
+    });
+    ASSERT_EQ(child.status, 0);
+    EXPECT_EQ(child.out, "Quillon Collector 0.02|1\n");
+    parsed_trace trace = parse_trace(read_file(dir.path + "/_ryl.0"));
+    ASSERT_TRUE(trace.ok);
+    ASSERT_EQ(trace.records.size(), 1u);
+    EXPECT_EQ(trace.records[0].name, "task_end");
+}
+
+}  // namespace

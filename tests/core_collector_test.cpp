@@ -1,0 +1,322 @@
+// The collector: run directory, writer pool, files per thread, finishing at
+// exit and unload, late events, and the library's exported symbols.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <regex>
+#include <set>
+#include <thread>
+
+#include "child.h"
+#include "trace_text.h"
+
+namespace {
+
+const unsigned hc = std::thread::hardware_concurrency();
+const int pool = hc ? int(hc) : 8;
+
+std::string unfinished_file() { return header_lines(hc) + file_end(); }
+
+std::string ryl(const std::string& dir, int n) { return dir + "/_ryl." + std::to_string(n); }
+
+std::vector<std::string> pool_names(int count) {
+    std::vector<std::string> names;
+    for (int i = 0; i < count; ++i) names.push_back("_ryl." + std::to_string(i));
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+TEST(collector_directory, vun_dir_existing_gets_the_pool_files) {
+    temp_dir dir;
+    // A file of an earlier run is emptied; a number nobody opens is kept.
+    FILE* old = fopen(ryl(dir.path, 0).c_str(), "w");
+    fputs("old contents that are longer than a header line\n", old);
+    fclose(old);
+    std::string keep = ryl(dir.path, 500);
+    fclose(fopen(keep.c_str(), "w"));
+    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [](zop_api&) {});
+    ASSERT_EQ(child.status, 0);
+    EXPECT_EQ(child.out, "");
+    EXPECT_EQ(child.err, "");
+    std::vector<std::string> expected = pool_names(pool);
+    expected.push_back("_ryl.500");
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(list_dir(dir.path), expected);
+    for (int i = 0; i < pool; ++i) EXPECT_EQ(mask_timestamps(read_file(ryl(dir.path, i))), unfinished_file());
+}
+
+// The base name of a run directory for a time, as the collector forms it.
+std::string base_name(time_t t) {
+    tm local;
+    localtime_r(&t, &local);
+    char buf[64];
+    strftime(buf, sizeof buf, "_vun_%Y%m%d_%H%M%S", &local);
+    return buf;
+}
+
+TEST(collector_directory, unset_or_empty_vun_dir_takes_next_free_name) {
+    for (bool empty : {false, true}) {
+        temp_dir cwd;
+        // Occupy the base names of the next seconds, so the child must
+        // take the "_000" candidate whichever second it starts in.
+        time_t now = time(nullptr);
+        std::set<std::string> bases;
+        for (int s = 0; s < 4; ++s) {
+            bases.insert(base_name(now + s));
+            mkdir((cwd.path + "/" + base_name(now + s)).c_str(), 0777);
+        }
+        child_options options;
+        options.cwd = cwd.path;
+        if (empty)
+            options.set_env = {{"VUN_DIR", ""}};
+        else
+            options.unset_env = {"VUN_DIR"};
+        child_result child = run_in_child(options, [](zop_api& api) { api.task_end(nullptr); });
+        ASSERT_EQ(child.status, 0);
+        EXPECT_EQ(child.out, "");
+        std::vector<std::string> made;
+        for (const std::string& name : list_dir(cwd.path))
+            if (!bases.count(name)) made.push_back(name);
+        ASSERT_EQ(made.size(), 1u);
+        ASSERT_EQ(made[0].size(), 24u) << made[0];
+        EXPECT_TRUE(bases.count(made[0].substr(0, 20))) << made[0];
+        EXPECT_EQ(made[0].substr(20), "_000");
+        EXPECT_EQ(list_dir(cwd.path + "/" + made[0]), pool_names(pool));
+    }
+}
+
+TEST(collector_directory, all_candidates_taken_uses_base_with_warning) {
+    temp_dir cwd;
+    time_t now = time(nullptr);
+    std::set<std::string> bases;
+    for (int s = 0; s < 3; ++s) {
+        std::string base = base_name(now + s);
+        bases.insert(base);
+        mkdir((cwd.path + "/" + base).c_str(), 0777);
+        for (int i = 0; i < 1000; ++i) {
+            char name[80];
+            snprintf(name, sizeof name, "%s/%s_%03d", cwd.path.c_str(), base.c_str(), i);
+            mkdir(name, 0777);
+        }
+    }
+    child_options options;
+    options.cwd = cwd.path;
+    options.unset_env = {"VUN_DIR"};
+    child_result child = run_in_child(options, [](zop_api&) {});
+    ASSERT_EQ(child.status, 0);
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(child.out, m, std::regex("WARNING when issuing: mkdir (_vun_\\d{8}_\\d{6})\n")))
+        << child.out;
+    EXPECT_TRUE(bases.count(m[1].str()));
+    // The writers go into the existing base directory.
+    EXPECT_EQ(mask_timestamps(read_file(cwd.path + "/" + m[1].str() + "/_ryl.0")), unfinished_file());
+}
+
+TEST(collector_directory, missing_vun_dir_diverts_to_standard_error) {
+    temp_dir dir;
+    std::string missing = dir.path + "/does/not/exist";
+    child_result child = run_in_child({{{"VUN_DIR", missing}}}, [](zop_api& api) {
+        api.id_create(nullptr, {1, 2, 3});
+    });
+    ASSERT_EQ(child.status, 0);
+    EXPECT_EQ(child.out, "");
+    EXPECT_FALSE(file_exists(missing));
+    const std::string w = "WARNING NO OPEN FILE: ";
+    std::string header = w + header_lines(hc);
+    auto finish = [&] {
+        return w + "<record>\n" + w + "<field>end_of_records</field>\n" + w + "<field>TS</field>\n" + w +
+               "</record>\n" + w + "</trace>\n";
+    };
+    std::string expected;
+    for (int i = 0; i < pool; ++i) expected += header;
+    // One warning per lock span: the compound field's five lines have one.
+    expected += w + "<record>\n" + w + "<field>id_create</field>\n" + w + "<field>TS</field>\n" + w +
+                "<field>0</field>\n" + w + "<compound_field>\n<field>1</field>\n<field>2</field>\n<field>3</field>\n" +
+                "</compound_field>\n" + w + "</record>\n";
+    for (int i = 0; i < pool; ++i) expected += finish();
+    std::string err = std::regex_replace(child.err, std::regex(w + "<field>\\d{12,}</field>"), w + "<field>TS</field>");
+    EXPECT_EQ(err, expected);
+}
+
+// Threads that start one after another: the first ones take the pool in
+// order of their first records, later ones get new files; an ended thread's
+// file is never handed on.
+TEST(collector_threads, files_follow_first_emission_order) {
+    temp_dir dir;
+    const int threads = pool + 2;
+    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [&](zop_api& api) {
+        for (int i = 0; i < threads; ++i) std::thread([&api, i] { api.id_create(nullptr, {unsigned(i), 0, 0}); }).join();
+    });
+    ASSERT_EQ(child.status, 0);
+    EXPECT_EQ(list_dir(dir.path), pool_names(threads));
+    for (int i = 0; i < threads; ++i) {
+        EXPECT_EQ(mask_timestamps(read_file(ryl(dir.path, i))),
+                  header_lines(hc) + record("id_create", field(0) + id_field(i, 0, 0)) + file_end());
+    }
+}
+
+// Many threads at once, many records each: every file complete, every
+// thread's records in its own file in order.
+TEST(collector_threads, concurrent_records_stay_whole) {
+    temp_dir dir;
+    const int threads = 8, records = 2000;
+    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [&](zop_api& api) {
+        std::atomic<bool> go{false};
+        std::vector<std::thread> pool_threads;
+        for (int t = 0; t < threads; ++t)
+            pool_threads.emplace_back([&, t] {
+                while (!go.load()) std::this_thread::yield();
+                ___zop_string_handle* name = api.string_handle_createA(t % 2 ? "odd" : "even");
+                for (int i = 0; i < records; ++i) {
+                    api.task_begin(nullptr, {unsigned(t), unsigned(i), 0}, {0, 0, 0}, name);
+                    api.metadata_str_addA(nullptr, {unsigned(t), unsigned(i), 0}, name, "v", 1);
+                    api.task_end(nullptr);
+                }
+            });
+        go = true;
+        for (auto& th : pool_threads) th.join();
+    });
+    ASSERT_EQ(child.status, 0) << child.err;
+    std::set<int> seen;
+    for (const std::string& name : list_dir(dir.path)) {
+        parsed_trace trace = parse_trace(read_file(dir.path + "/" + name));
+        ASSERT_TRUE(trace.ok && trace.finished) << name << ": " << trace.error;
+        if (trace.records.empty()) continue;
+        ASSERT_EQ(trace.records.size(), size_t(1 + 3 * records)) << name;
+        int t = std::stoi(trace.records[1].fields[1].substr(1));
+        EXPECT_TRUE(seen.insert(t).second);
+        for (int i = 0; i < records; ++i) {
+            std::string id = "{" + std::to_string(t) + "," + std::to_string(i) + ",0}";
+            EXPECT_EQ(trace.records[1 + 3 * i].fields[1], id);
+            EXPECT_EQ(trace.records[2 + 3 * i].fields[1], id);
+            EXPECT_EQ(trace.records[3 + 3 * i].name, "task_end");
+        }
+    }
+    EXPECT_EQ(seen.size(), size_t(threads));
+}
+
+// dlclose finishes every file and really unloads the library; loading it
+// again starts a fresh collector.
+TEST(collector_unload, dlclose_finishes_files_and_unmaps) {
+    temp_dir dir, second;
+    child_options options;
+    options.set_env = {{"VUN_DIR", dir.path}};
+    options.unload = true;
+    std::string second_dir = second.path;
+    child_result child = run_in_child(options, [&](zop_api& api) {
+        api.task_end(nullptr);
+        std::thread([&] { api.task_end(nullptr); }).join();
+        dlclose(api.handle);
+        printf("unloaded=%d\n", dlopen(library_path(), RTLD_NOW | RTLD_NOLOAD) == nullptr);
+        // A fresh load reads VUN_DIR again and opens new files there.
+        setenv("VUN_DIR", second_dir.c_str(), 1);
+        api.handle = dlopen(library_path(), RTLD_NOW | RTLD_LOCAL);
+        auto task_end = reinterpret_cast<decltype(&__zop_task_end)>(dlsym(api.handle, "__zop_task_end"));
+        task_end(nullptr);
+    });
+    ASSERT_EQ(child.status, 0) << child.err;
+    EXPECT_EQ(child.out, "unloaded=1\n");
+    std::string one_end = header_lines(hc) + record("task_end", field(0)) + file_end();
+    EXPECT_EQ(mask_timestamps(read_file(ryl(dir.path, 0))), one_end);
+    EXPECT_EQ(mask_timestamps(read_file(ryl(dir.path, 1))), one_end);
+    EXPECT_EQ(mask_timestamps(read_file(ryl(second.path, 0))), one_end);
+}
+
+// Events during and after the collector's end (exit handlers, threads still
+// running) never crash and never create files.
+TEST(collector_late_events, after_exit_handlers_and_during_exit) {
+    temp_dir dir;
+    static zop_api* late_api;
+    child_options options;
+    options.set_env = {{"VUN_DIR", dir.path}};
+    // Registered before the library is loaded: runs after the collector is gone.
+    options.before_load = [] {
+        atexit([] {
+            late_api->task_end(nullptr);
+            std::thread([] {
+                late_api->task_end(nullptr);
+                bool null = !late_api->domain_createA("late") && !late_api->string_handle_createA("late");
+                printf("late handles null: %d\n", null);
+            }).join();
+        });
+    };
+    child_result child = run_in_child(options, [&](zop_api& api) {
+        late_api = &api;
+        api.task_end(nullptr);
+        // A thread still emitting while the process exits.
+        std::thread([&api] {
+            for (;;) api.task_begin(nullptr, {1, 0, 0}, {0, 0, 0}, nullptr);
+        }).detach();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    });
+    ASSERT_EQ(child.status, 0) << child.err;
+    EXPECT_EQ(child.out, "late handles null: 1\n");
+    EXPECT_EQ(list_dir(dir.path), pool_names(pool));
+    for (const std::string& name : list_dir(dir.path)) {
+        parsed_trace trace = parse_trace(read_file(dir.path + "/" + name));
+        EXPECT_TRUE(trace.ok && trace.finished) << name << ": " << trace.error;
+    }
+}
+
+TEST(collector_files, opened_close_on_exec) {
+    temp_dir dir;
+    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [&](zop_api& api) {
+        api.task_end(nullptr);
+        int trace_fds = 0, inheritable = 0;
+        for (int fd = 0; fd < 1024; ++fd) {
+            char link[64], target[4096];
+            snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+            ssize_t n = readlink(link, target, sizeof target - 1);
+            if (n <= 0) continue;
+            target[n] = 0;
+            if (!strstr(target, "/_ryl.")) continue;
+            ++trace_fds;
+            if (!(fcntl(fd, F_GETFD) & FD_CLOEXEC)) ++inheritable;
+        }
+        printf("%d %d\n", trace_fds, inheritable);
+    });
+    ASSERT_EQ(child.status, 0);
+    EXPECT_EQ(child.out, std::to_string(pool) + " 0\n");
+}
+
+// The dynamic symbol table holds the public API and nothing else.
+TEST(library_symbols, exports_exactly_the_public_api) {
+    child_result nm = run_program({RYL_NM, "-D", "--defined-only", "-C", library_path()}, {});
+    ASSERT_EQ(nm.status, 0) << nm.err;
+    std::set<std::string> zop;
+    std::regex line("[0-9a-f]+ ([A-Za-z]) (.*)");
+    std::istringstream in(nm.out);
+    std::string text;
+    while (std::getline(in, text)) {
+        std::smatch m;
+        ASSERT_TRUE(std::regex_match(text, m, line)) << text;
+        std::string name = m[2];
+        if (name.rfind("__zop_", 0) == 0) {
+            zop.insert(name);
+            continue;
+        }
+        bool allowed = name == "ompt_start_tool" || name == "writer::get_ftc()" ||
+                       name == "writer::write_begin_record(writer::trace_writer*, __zop_record_t)" ||
+                       name.rfind("xml::", 0) == 0 || name.rfind("vtable for xml::", 0) == 0 ||
+                       name.rfind("typeinfo for xml::", 0) == 0 || name.rfind("typeinfo name for xml::", 0) == 0 ||
+                       name.rfind("VERS_", 0) == 0;
+        EXPECT_TRUE(allowed) << "exported: " << name;
+    }
+    std::set<std::string> api = {
+        "__zop_api_version", "__zop_api_fini", "__zop_domain_create", "__zop_domain_createA",
+        "__zop_string_handle_create", "__zop_string_handle_createA", "__zop_id_create", "__zop_id_destroy",
+        "__zop_task_begin", "__zop_task_begin_explicit", "__zop_task_begin_async", "__zop_task_end",
+        "__zop_task_end_explicit", "__zop_task_end_async", "__zop_region_begin", "__zop_region_end",
+        "__zop_task_group", "__zop_relation_add", "__zop_metadata_add", "__zop_metadata_str_add",
+        "__zop_metadata_str_addA"};
+    EXPECT_EQ(zop, api);
+}
+
+}  // namespace
