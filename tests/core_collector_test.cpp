@@ -234,6 +234,9 @@ TEST(collector_unload, dlclose_finishes_files_and_unmaps) {
 TEST(collector_late_events, after_exit_handlers_and_during_exit) {
     temp_dir dir;
     static zop_api* late_api;
+    // The emitting thread runs through the collector's end and is stopped
+    // only by the last exit handler (leak checkers want no running threads).
+    static std::atomic<int> loop_state{0};  // 0 running, 1 asked to stop, 2 stopped
     child_options options;
     options.set_env = {{"VUN_DIR", dir.path}};
     // Registered before the library is loaded: runs after the collector is gone.
@@ -245,6 +248,8 @@ TEST(collector_late_events, after_exit_handlers_and_during_exit) {
                 bool null = !late_api->domain_createA("late") && !late_api->string_handle_createA("late");
                 printf("late handles null: %d\n", null);
             }).join();
+            loop_state = 1;
+            while (loop_state != 2) std::this_thread::yield();
         });
     };
     child_result child = run_in_child(options, [&](zop_api& api) {
@@ -252,7 +257,8 @@ TEST(collector_late_events, after_exit_handlers_and_during_exit) {
         api.task_end(nullptr);
         // A thread still emitting while the process exits.
         std::thread([&api] {
-            for (;;) api.task_begin(nullptr, {1, 0, 0}, {0, 0, 0}, nullptr);
+            while (loop_state == 0) api.task_begin(nullptr, {1, 0, 0}, {0, 0, 0}, nullptr);
+            loop_state = 2;
         }).detach();
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     });
