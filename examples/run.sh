@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# The main job: builds the library and the examples, traces them, and shows
+# where the trace files went and how many records of each kind each holds.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash .ci/install_deps.sh
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build build -j "$(nproc)"
+
+# Prints, per trace file of a run directory, its records by kind.
+show_trace() {
+  local dir=$1
+  echo "trace files in $dir:"
+  for f in "$dir"/_ryl.*; do
+    printf '  %s: ' "$(basename "$f")"
+    awk 'prev == "<record>" { sub(/^<field>/, ""); sub(/<\/field>$/, ""); if (!($0 in n)) order[++kinds] = $0; n[$0]++ }
+         { prev = $0 }
+         END { for (i = 1; i <= kinds; i++) printf "%s%s %d", (i > 1 ? ", " : ""), order[i], n[order[i]]; print "" }' "$f"
+  done
+}
+
+out=$PWD/build/traces
+mkdir -p "$out"
+run_dir=$(mktemp -d "$out/threads_example.XXXXXX")
+echo
+echo "== threads_example (linked with libryl_xml.so), VUN_DIR=$run_dir"
+VUN_DIR=$run_dir ./build/examples/threads_example
+show_trace "$run_dir"
+
+if [ -f examples/run_omp_example.sh ]; then
+  echo
+  bash examples/run_omp_example.sh
+fi
