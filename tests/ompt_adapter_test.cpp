@@ -1,0 +1,506 @@
+// The OpenMP tool adapter driven by a fake OpenMP runtime: start-up,
+// registration, and the records that each event leaves, ids included.
+#include <gtest/gtest.h>
+#include <omp-tools.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "child.h"
+#include "ompt_support.h"
+
+namespace {
+
+// A fake runtime in the child process: its own lookup, a set_callback that
+// keeps the callbacks and gives a chosen answer, a unique-id counter, and a
+// parallel-info entry point that reports a settable region.
+namespace fake {
+int answer = ompt_set_always;
+std::vector<int> registered;
+ompt_callback_t callbacks[64];
+std::vector<std::string> looked_up, missing;
+// Above 32 bits, so that an id cut to 32 bits would show.
+std::atomic<std::uint64_t> next_id{1ull << 32};
+ompt_data_t* region = nullptr;
+int region_answer = 2;
+
+ompt_set_result_t set_callback(ompt_callbacks_t event, ompt_callback_t callback) {
+    registered.push_back(event);
+    callbacks[event] = callback;
+    return static_cast<ompt_set_result_t>(answer);
+}
+std::uint64_t get_unique_id() { return next_id++; }
+int get_parallel_info(int level, ompt_data_t** data, int*) {
+    if (level == 0 && region_answer != 0) *data = region;
+    return region_answer;
+}
+ompt_interface_fn_t lookup(const char* name) {
+    looked_up.push_back(name);
+    for (const std::string& m : missing)
+        if (m == name) return nullptr;
+    if (!strcmp(name, "ompt_set_callback")) return reinterpret_cast<ompt_interface_fn_t>(&set_callback);
+    if (!strcmp(name, "ompt_get_unique_id")) return reinterpret_cast<ompt_interface_fn_t>(&get_unique_id);
+    if (!strcmp(name, "ompt_get_parallel_info"))
+        return reinterpret_cast<ompt_interface_fn_t>(&get_parallel_info);
+    return nullptr;  // kept by the adapter, never called
+}
+}  // namespace fake
+
+// The registered callback of an event, with its standard type.
+#define CB(event) reinterpret_cast<event##_t>(fake::callbacks[event])
+
+const auto barrier = static_cast<ompt_sync_region_t>(1);
+const char* const runtime_14 = "LLVM OMP version: 5.0.20140926";
+
+// Starts the tool as a runtime does, once per version string given; prints
+// what ompt_initialize answered.
+void start_tool(zop_api& api, std::vector<const char*> versions = {runtime_14}) {
+    auto start = reinterpret_cast<ompt_start_tool_result_t* (*)(unsigned, const char*)>(
+        api.sym("ompt_start_tool"));
+    ompt_start_tool_result_t* fns = nullptr;
+    for (const char* v : versions) {
+        ompt_start_tool_result_t* again = start(201811, v);
+        if (fns && again != fns) printf("another record\n");
+        fns = again;
+    }
+    if (fns->tool_data.value != 0) printf("tool_data set\n");
+    printf("initialize %d\n", fns->initialize(fake::lookup, 0, &fns->tool_data));
+}
+
+// One child run: what it printed and each file's records as lines.
+struct session {
+    child_result child;
+    std::vector<std::vector<std::string>> files;
+    // The records after the 13 of start-up in the first file.
+    std::vector<std::string> events() const {
+        return {files.at(0).begin() + std::min<size_t>(13, files.at(0).size()), files.at(0).end()};
+    }
+};
+
+session run(const std::function<void(zop_api&)>& body,
+            std::vector<std::pair<std::string, std::string>> env = {}) {
+    temp_dir dir;
+    env.emplace_back("VUN_DIR", dir.path);
+    session s;
+    s.child = run_in_child({env, {"VUN_BARRIERS"}}, body);
+    EXPECT_EQ(s.child.status, 0) << s.child.err;
+    std::vector<parsed_trace> traces = read_traces(dir.path);
+    handle_names names;
+    for (const parsed_trace& t : traces) learn_handles(t, names);
+    for (const parsed_trace& t : traces) {
+        EXPECT_TRUE(t.ok && t.finished) << t.error;
+        s.files.push_back(render(t, names));
+    }
+    if (s.files.empty()) s.files.emplace_back();
+    return s;
+}
+
+// An adapter record: name, the domain "openmp", then the given fields.
+template <typename... F>
+std::string rec(const std::string& name, const F&... fields) {
+    std::string line = name + " @openmp";
+    ((line += " " + std::string(fields)), ...);
+    return line;
+}
+
+const std::vector<std::string> handle_names_in_order = {
+    "omp_parallel", "omp_barrier",    "omp_implicit", "node",          "omp_explicit",
+    "graph",        "composite_node", "input_port_0", "output_port_0", "code_address"};
+
+std::vector<std::string> start_up_records() {
+    std::vector<std::string> lines = {"domain_createA @openmp 6 openmp"};
+    for (const std::string& n : handle_names_in_order)
+        lines.push_back("string_handle_createA @" + n + " " + std::to_string(n.size()) + " " + n);
+    lines.push_back(rec("id_create", id(19)));
+    lines.push_back(rec("task_group", id(19), id(0), "@graph"));
+    return lines;
+}
+
+TEST(ompt_start_up, records_look_ups_and_registrations_in_order) {
+    session s = run([](zop_api& api) {
+        start_tool(api);
+        for (const std::string& name : fake::looked_up) printf("lookup %s\n", name.c_str());
+        for (int event : fake::registered) printf("%d ", event);
+    });
+    EXPECT_EQ(s.files[0], start_up_records());
+    EXPECT_EQ(s.child.out,
+              "initialize 1\nlookup ompt_set_callback\nlookup ompt_get_task_info\n"
+              "lookup ompt_get_unique_id\nlookup ompt_get_thread_data\n"
+              "lookup ompt_get_parallel_info\n7 11 3 4 5 6 18 1 23 ");
+    EXPECT_EQ(s.child.err, "");
+}
+
+TEST(ompt_start_up, only_never_is_a_refusal_and_each_prints_its_line) {
+    const std::string refused =
+        "0: Could not register callback 'ompt_callback_implicit_task'\n"
+        "0: Could not register callback 'ompt_callback_control_tool'\n"
+        "0: Could not register callback 'ompt_callback_parallel_begin'\n"
+        "0: Could not register callback 'ompt_callback_parallel_end'\n"
+        "0: Could not register callback 'ompt_callback_task_create'\n"
+        "0: Could not register callback 'ompt_callback_task_schedule'\n"
+        "0: Could not register callback 'ompt_callback_dependences'\n"
+        "0: Could not register callback 'ompt_callback_thread_begin'\n"
+        "0: Could not register callback 'ompt_callback_sync_region'\n";
+    const struct {
+        int answer;
+        std::string out;
+    } cases[] = {{ompt_set_error, ""}, {ompt_set_never, refused}, {ompt_set_impossible, ""},
+                 {ompt_set_sometimes_paired, ""}, {ompt_set_always, ""}};
+    for (const auto& c : cases) {
+        session s = run([&](zop_api& api) {
+            fake::answer = c.answer;
+            start_tool(api);
+        });
+        EXPECT_EQ(s.child.out, c.out + "initialize 1\n") << "answer " << c.answer;
+        EXPECT_EQ(s.files[0], start_up_records()) << "answer " << c.answer;
+    }
+}
+
+TEST(ompt_start_up, declines_without_set_callback_or_unique_ids) {
+    for (const char* missing : {"ompt_set_callback", "ompt_get_unique_id"}) {
+        session s = run([&](zop_api& api) {
+            fake::missing = {missing};
+            start_tool(api);
+            printf("registered %zu\n", fake::registered.size());
+        });
+        EXPECT_EQ(s.child.out, "initialize 0\nregistered 0\n") << missing;
+        EXPECT_EQ(s.files[0], start_up_records()) << missing;
+    }
+}
+
+// Runs steps on several threads in one global order.
+class relay {
+public:
+    void at(int turn, const std::function<void()>& step) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        turned_.wait(lock, [&] { return turn_ == turn; });
+        step();
+        ++turn_;
+        turned_.notify_all();
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable turned_;
+    int turn_ = 0;
+};
+
+// One region with two implicit tasks on threads A and B; inside it, A creates
+// an explicit task with an out dependence, which B runs.
+TEST(ompt_translation, two_threads_give_the_records_of_region_and_task) {
+    const std::uint64_t base = 1ull << 32, E = base, R = base + 1, F = base + 2, I = base + 3,
+                        TA = base + 4, TB = base + 6 /* base + 5: B's thread data */, T = base + 7,
+                        J = base + 8, O = base + 9;
+    const std::uint64_t V = 0x7ffd00001000, region_code = 0x7f1234567890, task_code = 0x55aa12345678;
+    session s = run([&](zop_api& api) {
+        start_tool(api);
+        ompt_data_t e{}, r{}, ta{}, tb{}, t{}, thread_b{};
+        ompt_dependence_t out{};
+        out.variable.value = V;
+        out.dependence_type = ompt_dependence_type_out;
+        relay turns;
+        std::thread a([&] {
+            turns.at(0, [&] {
+                CB(ompt_callback_implicit_task)(ompt_scope_begin, nullptr, &e, 1, 1, ompt_task_initial);
+                CB(ompt_callback_parallel_begin)(&e, nullptr, &r, 2, ompt_parallel_team, nullptr);
+                fake::region = &r;
+                CB(ompt_callback_implicit_task)(ompt_scope_begin, &r, &ta, 2, 0, ompt_task_implicit);
+            });
+            turns.at(2, [&] {
+                CB(ompt_callback_task_create)(&ta, nullptr, &t, ompt_task_explicit, 1,
+                                              reinterpret_cast<const void*>(task_code));
+                CB(ompt_callback_dependences)(&t, &out, 1);
+            });
+            turns.at(4, [&] {
+                CB(ompt_callback_sync_region)(barrier, ompt_scope_begin, &r, &ta, nullptr);
+                CB(ompt_callback_sync_region)(barrier, ompt_scope_end, &r, &ta, nullptr);
+            });
+            turns.at(6, [&] {
+                CB(ompt_callback_implicit_task)(ompt_scope_end, nullptr, &ta, 2, 0, ompt_task_implicit);
+                CB(ompt_callback_parallel_end)(&r, &e, ompt_parallel_team,
+                                               reinterpret_cast<const void*>(region_code));
+            });
+        });
+        std::thread b([&] {
+            turns.at(1, [&] {
+                CB(ompt_callback_thread_begin)(ompt_thread_worker, &thread_b);
+                // No parallel_data: B must find the region through the runtime.
+                CB(ompt_callback_implicit_task)(ompt_scope_begin, nullptr, &tb, 2, 1, ompt_task_implicit);
+            });
+            turns.at(3, [&] {
+                CB(ompt_callback_task_schedule)(&tb, ompt_task_switch, &t);
+                CB(ompt_callback_task_schedule)(&t, ompt_task_complete, &tb);
+            });
+            turns.at(5, [&] {
+                CB(ompt_callback_sync_region)(barrier, ompt_scope_begin, &r, &tb, nullptr);
+                CB(ompt_callback_sync_region)(barrier, ompt_scope_end, &r, &tb, nullptr);
+                CB(ompt_callback_implicit_task)(ompt_scope_end, nullptr, &tb, 2, 1, ompt_task_implicit);
+            });
+        });
+        a.join();
+        b.join();
+    });
+    ASSERT_GE(s.files.size(), 3u);
+    EXPECT_EQ(s.files[0], start_up_records());
+    EXPECT_EQ(s.files[1], (std::vector<std::string>{
+                              rec("relation", id(E), "3", id(R, 1)),
+                              rec("id_create", id(R, 1)),
+                              rec("task_group", id(R, 1), id(19), "@composite_node"),
+                              rec("task_group", id(F), id(R, 1), "@node"),
+                              rec("id_create", id(I)),
+                              rec("task_group", id(I), id(F), "@input_port_0"),
+                              rec("task_group", id(F, 35), id(F), "@output_port_0"),
+                              rec("task_group", id(I), id(R, 1), "@input_port_0"),
+                              rec("relation", id(R, 1), "3", id(I)),
+                              rec("id_create", id(R)),
+                              rec("task_group", id(R), id(0), "@omp_parallel"),
+                              rec("task_begin", id(R), id(0), "@omp_parallel"),
+                              rec("id_create", id(TA)),
+                              rec("task_group", id(TA), id(R), "@omp_implicit"),
+                              rec("task_begin", id(TA), id(R), "@omp_implicit"),
+                              rec("id_create", id(T)),
+                              rec("id_create", id(TA)),
+                              rec("relation", id(T), "5", id(TA)),
+                              rec("id_create", id(T, 1)),
+                              rec("task_group", id(T, 1), id(TA), "@node"),
+                              rec("metadata", id(T), "@code_address", "1", "1", std::to_string(task_code)),
+                              rec("relation", id(T, 1), "7", id(V)),
+                              rec("task_end"),
+                              rec("task_begin", id(TA), id(R), "@omp_barrier"),
+                              rec("task_end"),
+                              rec("task_end"),
+                              rec("metadata", id(R, 1), "@code_address", "1", "1",
+                                  std::to_string(region_code)),
+                              rec("task_group", id(J, 36), id(R, 1), "@node"),
+                              rec("task_group", id(O), id(J, 36), "@output_port_0"),
+                              rec("task_group", id(J, 37), id(J, 36), "@input_port_0"),
+                              rec("task_group", id(O), id(R, 1), "@output_port_0"),
+                              rec("relation", id(R, 1), "3", id(O)),
+                              rec("task_end"),
+                          }));
+    EXPECT_EQ(s.files[2], (std::vector<std::string>{
+                              rec("id_create", id(TB)),
+                              rec("task_group", id(TB), id(R), "@omp_implicit"),
+                              rec("task_begin", id(TB), id(R), "@omp_implicit"),
+                              rec("task_begin", id(T), id(0), "@omp_explicit"),
+                              rec("task_end"),
+                              rec("task_end"),
+                              rec("task_begin", id(TB), id(R), "@omp_barrier"),
+                              rec("task_end"),
+                              rec("task_end"),
+                          }));
+}
+
+// Splits events at the "task_end" records that a completed task leaves.
+std::vector<std::vector<std::string>> split_at_task_end(const std::vector<std::string>& events) {
+    std::vector<std::vector<std::string>> groups(1);
+    for (const std::string& e : events) {
+        if (e == rec("task_end")) groups.emplace_back();
+        else groups.back().push_back(e);
+    }
+    return groups;
+}
+
+void separate_cases() { CB(ompt_callback_task_schedule)(nullptr, ompt_task_complete, nullptr); }
+
+// Types by bit value: 2 (out, inout, sink, inoutset) writes task -> variable,
+// else 1 (in, source) variable -> task; anything else nothing.
+TEST(ompt_translation, dependence_direction_follows_the_type_bits) {
+    const std::uint64_t T = 1ull << 32, V = 0x7ffd00002000;
+    const std::string out = rec("relation", id(T, 1), "7", id(V)), in = rec("relation", id(V), "7", id(T, 1));
+    const std::vector<std::vector<std::string>> by_type = {{},    {in},  {out}, {out}, {},
+                                                           {in},  {out}, {out}, {}};
+    session s = run([&](zop_api& api) {
+        start_tool(api);
+        ompt_data_t t{};
+        CB(ompt_callback_task_create)(nullptr, nullptr, &t, ompt_task_explicit, 0, nullptr);
+        ompt_dependence_t dep{};
+        dep.variable.value = V;
+        CB(ompt_callback_dependences)(&t, &dep, 0);
+        CB(ompt_callback_dependences)(&t, nullptr, 1);
+        separate_cases();
+        for (int type = 0; type < 9; ++type) {
+            dep.dependence_type = static_cast<ompt_dependence_type_t>(type);
+            CB(ompt_callback_dependences)(&t, &dep, 1);
+            separate_cases();
+        }
+    });
+    auto groups = split_at_task_end(s.events());
+    ASSERT_EQ(groups.size(), 11u);
+    EXPECT_EQ(groups[0], std::vector<std::string>{}) << "ndeps 0, or no array";
+    for (int type = 0; type < 9; ++type) EXPECT_EQ(groups[type + 1], by_type[type]) << "type " << type;
+}
+
+// Kind 1 always shows as a barrier; kinds 2 to 4 only with VUN_BARRIERS=all.
+TEST(ompt_translation, sync_region_kinds_shown_as_barriers) {
+    const std::uint64_t T = 1ull << 32, R = 0x1234;
+    const struct {
+        const char* setting;
+        std::vector<int> shown;
+    } cases[] = {{nullptr, {1}}, {"all", {1, 2, 3, 4}}, {"ALL", {1}}, {"", {1}}, {"1", {1}}};
+    for (const auto& c : cases) {
+        std::vector<std::pair<std::string, std::string>> env;
+        if (c.setting) env.emplace_back("VUN_BARRIERS", c.setting);
+        session s = run(
+            [](zop_api& api) {
+                start_tool(api);
+                ompt_data_t task{}, region{};
+                task.value = T;
+                region.value = R;
+                for (int kind = 1; kind <= 10; ++kind) {
+                    for (auto endpoint : {ompt_scope_begin, ompt_scope_end, ompt_scope_beginend})
+                        CB(ompt_callback_sync_region)(static_cast<ompt_sync_region_t>(kind), endpoint,
+                                                      &region, &task, nullptr);
+                }
+            },
+            env);
+        std::vector<std::string> expected;
+        for (int kind = 1; kind <= 10; ++kind) {
+            if (std::find(c.shown.begin(), c.shown.end(), kind) != c.shown.end()) {
+                expected.push_back(rec("task_end"));
+                expected.push_back(rec("task_begin", id(T), id(R), "@omp_barrier"));
+                expected.push_back(rec("task_end"));
+            }
+        }
+        EXPECT_EQ(s.events(), expected) << "VUN_BARRIERS=" << (c.setting ? c.setting : "(unset)");
+    }
+}
+
+// Status 7 begins the next task; 1 ends one; 4 begins it only after a
+// runtime version containing ".2018"; every other status writes nothing.
+TEST(ompt_translation, task_status_four_depends_on_the_runtime_version) {
+    const std::uint64_t N = 0x5000;
+    const struct {
+        std::vector<const char*> versions;
+        bool old;
+    } cases[] = {{{runtime_14}, false},
+                 {{"LLVM OMP version: 5.0.20181105"}, true},
+                 {{"LLVM OMP version: 5.0.20190308"}, false},
+                 {{"version 2018"}, false},
+                 {{nullptr}, false},
+                 {{"x.2018", runtime_14, nullptr}, true}};
+    for (const auto& c : cases) {
+        session s = run([&](zop_api& api) {
+            start_tool(api, c.versions);
+            ompt_data_t next{};
+            next.value = N;
+            for (int status = 1; status <= 8; ++status)
+                CB(ompt_callback_task_schedule)(nullptr, static_cast<ompt_task_status_t>(status), &next);
+        });
+        std::vector<std::string> expected = {rec("task_end")};
+        if (c.old) expected.push_back(rec("task_begin", id(N), id(0), "@omp_explicit"));
+        expected.push_back(rec("task_begin", id(N), id(0), "@omp_explicit"));
+        EXPECT_EQ(s.events(), expected) << c.versions.front();
+        EXPECT_EQ(s.child.out, "initialize 1\n");
+    }
+}
+
+// Which new tasks enter the trace at creation, and which implicit-task
+// scopes: the initial task's records only its end; the initial task's
+// creation gives the region around it a unique id, if there is a region.
+TEST(ompt_translation, initial_and_plain_tasks_write_nothing_at_creation) {
+    const std::uint64_t base = 1ull << 32;
+    session s = run([&](zop_api& api) {
+        start_tool(api);
+        ompt_data_t initial{}, region{}, thread{}, plain{}, undeferred{}, implicit{};
+        fake::region = &region;
+        CB(ompt_callback_thread_begin)(ompt_thread_initial, &thread);
+        CB(ompt_callback_task_create)(nullptr, nullptr, &initial, ompt_task_initial, 0, nullptr);
+        fake::region_answer = 0;
+        CB(ompt_callback_task_create)(nullptr, nullptr, &initial, ompt_task_initial, 0, nullptr);
+        CB(ompt_callback_task_create)(&initial, nullptr, &plain, ompt_task_explicit, 0, nullptr);
+        CB(ompt_callback_task_create)(&initial, nullptr, &undeferred, ompt_task_undeferred, 1, nullptr);
+        CB(ompt_callback_implicit_task)(ompt_scope_begin, &region, &implicit, 1, 0, ompt_task_initial);
+        printf("control %d\n", CB(ompt_callback_control_tool)(1, 2, nullptr, nullptr));
+        CB(ompt_callback_implicit_task)(ompt_scope_end, nullptr, &implicit, 1, 0, ompt_task_initial);
+        CB(ompt_callback_implicit_task)(ompt_scope_beginend, &region, &implicit, 1, 0, ompt_task_implicit);
+        for (ompt_data_t* d : {&thread, &initial, &region, &plain, &undeferred, &implicit})
+            printf("%llu ", static_cast<unsigned long long>(d->value - base));
+    });
+    EXPECT_EQ(s.events(), std::vector<std::string>{rec("task_end")});
+    // The region keeps the id of the first creation, made when it was reported.
+    EXPECT_EQ(s.child.out, "initialize 1\ncontrol 0\n0 3 2 4 5 6 ");
+}
+
+// A region, a task and their scopes reported without any data: zeros, and
+// no crash.
+TEST(ompt_translation, null_data_pointers_read_as_zero) {
+    const std::uint64_t base = 1ull << 32;
+    session s = run([](zop_api& api) {
+        start_tool(api);
+        fake::region_answer = 0;
+        CB(ompt_callback_thread_begin)(ompt_thread_worker, nullptr);
+        CB(ompt_callback_parallel_begin)(nullptr, nullptr, nullptr, 2, ompt_parallel_team, nullptr);
+        CB(ompt_callback_implicit_task)(ompt_scope_begin, nullptr, nullptr, 2, 0, ompt_task_implicit);
+        CB(ompt_callback_task_create)(nullptr, nullptr, nullptr, ompt_task_explicit, 1, nullptr);
+        CB(ompt_callback_task_create)(nullptr, nullptr, nullptr, ompt_task_initial, 0, nullptr);
+        CB(ompt_callback_dependences)(nullptr, nullptr, 3);
+        CB(ompt_callback_task_schedule)(nullptr, ompt_task_switch, nullptr);
+        CB(ompt_callback_sync_region)(barrier, ompt_scope_begin, nullptr, nullptr, nullptr);
+        CB(ompt_callback_parallel_end)(nullptr, nullptr, ompt_parallel_team, nullptr);
+    });
+    const std::uint64_t F = base + 2, I = base + 3, J = base + 7, O = base + 8;
+    EXPECT_EQ(s.events(), (std::vector<std::string>{
+                              rec("relation", id(0), "3", id(0, 1)),
+                              rec("id_create", id(0, 1)),
+                              rec("task_group", id(0, 1), id(19), "@composite_node"),
+                              rec("task_group", id(F), id(0, 1), "@node"),
+                              rec("id_create", id(I)),
+                              rec("task_group", id(I), id(F), "@input_port_0"),
+                              rec("task_group", id(F, 35), id(F), "@output_port_0"),
+                              rec("task_group", id(I), id(0, 1), "@input_port_0"),
+                              rec("relation", id(0, 1), "3", id(I)),
+                              rec("id_create", id(0)),
+                              rec("task_group", id(0), id(0), "@omp_parallel"),
+                              rec("task_begin", id(0), id(0), "@omp_parallel"),
+                              rec("id_create", id(0)),
+                              rec("task_group", id(0), id(0), "@omp_implicit"),
+                              rec("task_begin", id(0), id(0), "@omp_implicit"),
+                              rec("id_create", id(0)),
+                              rec("id_create", id(0)),
+                              rec("relation", id(0), "5", id(0)),
+                              rec("id_create", id(0, 1)),
+                              rec("task_group", id(0, 1), id(0), "@node"),
+                              rec("metadata", id(0), "@code_address", "1", "1", "0"),
+                              rec("task_begin", id(0), id(0), "@omp_explicit"),
+                              rec("task_end"),
+                              rec("task_begin", id(0), id(0), "@omp_barrier"),
+                              rec("metadata", id(0, 1), "@code_address", "1", "1", "0"),
+                              rec("task_group", id(J, 36), id(0, 1), "@node"),
+                              rec("task_group", id(O), id(J, 36), "@output_port_0"),
+                              rec("task_group", id(J, 37), id(J, 36), "@input_port_0"),
+                              rec("task_group", id(O), id(0, 1), "@output_port_0"),
+                              rec("relation", id(0, 1), "3", id(O)),
+                              rec("task_end"),
+                          }));
+}
+
+// Without ompt_get_parallel_info an implicit task stays under the region
+// that its callback names.
+TEST(ompt_start_up, without_parallel_info_the_callbacks_region_stands) {
+    const std::uint64_t R = 0x4242, T = 1ull << 32;
+    session s = run([&](zop_api& api) {
+        fake::missing = {"ompt_get_parallel_info"};
+        start_tool(api);
+        ompt_data_t region{}, task{};
+        region.value = R;
+        CB(ompt_callback_implicit_task)(ompt_scope_begin, &region, &task, 2, 0, ompt_task_implicit);
+        CB(ompt_callback_task_create)(nullptr, nullptr, &task, ompt_task_initial, 0, nullptr);
+        printf("region %llx\n", static_cast<unsigned long long>(region.value));
+    });
+    EXPECT_EQ(s.events(), (std::vector<std::string>{rec("id_create", id(T)),
+                                                    rec("task_group", id(T), id(R), "@omp_implicit"),
+                                                    rec("task_begin", id(T), id(R), "@omp_implicit")}));
+    EXPECT_EQ(s.child.out, "initialize 1\nregion 4242\n");
+}
+
+}  // namespace
