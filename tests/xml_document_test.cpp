@@ -139,40 +139,22 @@ std::string nested(int depth) {
     return text;
 }
 
-TEST(xml_parse, nesting_limit) {
-    EXPECT_TRUE(parse(nested(xml::max_nesting_depth)).ok);
-    EXPECT_FALSE(parse(nested(xml::max_nesting_depth + 1)).ok);
-}
-
-// Parses, queries, dumps and destroys documents at and far past the nesting
-// limit on a thread with a 256 KiB stack.
+// At and past the nesting limit on a thread with a 256 KiB stack: parsing,
+// queries, dump and destruction stay within it, hostile depth is refused.
 void* deep_documents(void* result) {
-    bool& ok = *static_cast<bool*>(result);
-    {
-        input_file file(nested(xml::max_nesting_depth));
-        xml::document doc(file.path.c_str());
-        std::ostringstream out;
-        doc.dump(out);
-        ok = doc.parse() && doc.elems("e").size() == xml::max_nesting_depth - 1 && !doc.elem("x");
-        doc.dump(out);
-        ok = ok && out.str().size() > 3u * xml::max_nesting_depth * (xml::max_nesting_depth - 1);
-    }
-    {
-        input_file file(std::string(1000000, '<') + "e>");
-        xml::document doc(file.path.c_str());
-        ok = ok && !doc.parse();
-    }
-    {
-        std::string hostile;
-        for (int i = 0; i < 200000; ++i) hostile += "<e>";
-        input_file file(hostile);
-        xml::document doc(file.path.c_str());
-        ok = ok && !doc.parse() && doc.elems("e").size() == xml::max_nesting_depth - 1;
-    }
+    std::string endless;
+    for (int i = 0; i < 200000; ++i) endless += "<e>";
+    input_file deepest(nested(xml::max_nesting_depth));
+    input_file too_deep(nested(xml::max_nesting_depth + 1)), hostile(endless);
+    xml::document a(deepest.path.c_str()), b(too_deep.path.c_str()), c(hostile.path.c_str());
+    const size_t below_root = xml::max_nesting_depth - 1;
+    *static_cast<bool*>(result) = a.parse() && a.elems("e").size() == below_root && !b.parse() &&
+                                  !c.parse() && c.elems("e").size() == below_root &&
+                                  dump_of(a).size() > 3u * below_root * xml::max_nesting_depth;
     return nullptr;
 }
 
-TEST(xml_parse, deep_input_on_small_stack) {
+TEST(xml_parse, nesting_limit_on_small_stack) {
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     ASSERT_EQ(pthread_attr_setstacksize(&attr, 256 * 1024), 0);
@@ -184,15 +166,12 @@ TEST(xml_parse, deep_input_on_small_stack) {
     EXPECT_TRUE(ok);
 }
 
-TEST(xml_tree, set_root_replaces_and_keeps_same) {
+TEST(xml_tree, set_root_replaces_root) {
     xml::document doc(nullptr);
     xml::element* a = doc.set_root(new xml::element("a", "t"));
-    EXPECT_EQ(doc.set_root(a), a);
+    EXPECT_EQ(doc.set_root(a), a);  // the same root stays alive
     EXPECT_EQ(doc.root->text, "t");
-    EXPECT_EQ(doc.set_root(new xml::element("b", nullptr)), doc.root);
-    EXPECT_EQ(doc.root->name, "b");
-    EXPECT_EQ(doc.root->attributes.size(), 0u);
-    EXPECT_EQ(xml::element("xml", nullptr).attributes.at("version"), "1.0");
+    EXPECT_EQ(doc.set_root(new xml::element("b", nullptr))->name, "b");
 }
 
 // ---------------------------------------------------------------- queries
@@ -220,50 +199,33 @@ protected:
     void SetUp() override { ASSERT_TRUE(doc.parse()); }
 };
 
-TEST_F(xml_query, children_filters) {
+TEST_F(xml_query, descendants_in_document_order) {
     const xml::element& r = *doc.root;
     EXPECT_EQ(labels(r.children(nullptr, nullptr, nullptr)), "a ab c cb b d");
     EXPECT_EQ(labels(r.children("b", nullptr, nullptr)), "ab cb b");
     EXPECT_EQ(labels(r.children("b", "k", nullptr)), "ab cb b");
     EXPECT_EQ(labels(r.children(nullptr, "k", "")), "a c cb");
-    EXPECT_EQ(labels(r.children(nullptr, "k", "v")), "ab b");
     EXPECT_EQ(labels(r.children("b", "k", "v")), "ab b");
     EXPECT_EQ(labels(r.children("zz", nullptr, nullptr)), "");
-    EXPECT_EQ(labels(r.children("b", "k", "V")), "");
-    EXPECT_EQ(labels(r.first_child()->children(nullptr, nullptr, nullptr)), "ab");
-}
-
-TEST_F(xml_query, first_child_and_id) {
-    const xml::element& r = *doc.root;
     EXPECT_EQ(label(r.first_child()), "a");
     EXPECT_EQ(label(r.first_child("b", nullptr, nullptr)), "ab");
-    EXPECT_EQ(label(r.first_child(nullptr, "k", "w")), "d");
     EXPECT_EQ(label(r.first_child("x", nullptr, nullptr)), "none");
     EXPECT_EQ(label(r.child("7")), "cb");
-    EXPECT_EQ(label(r.child("1")), "a");
     EXPECT_EQ(label(r.child("")), "ab");
-    EXPECT_EQ(label(r.child("9")), "none");
     EXPECT_EQ(label(r.child(nullptr)), "none");
     const xml::element* leaf = r.child_elements.back();
     EXPECT_EQ(leaf->first_child(), nullptr);
     EXPECT_TRUE(leaf->children(nullptr, nullptr, nullptr).empty());
 }
 
-TEST_F(xml_query, document_shortcuts_search_below_root) {
+TEST_F(xml_query, document_shortcuts_search_below_root_and_change_nothing) {
+    const std::string before = dump_of(doc);
     EXPECT_EQ(label(doc.elem("7")), "cb");
     EXPECT_EQ(labels(doc.elems("r")), "");
-    EXPECT_EQ(labels(doc.elems("b")), "ab cb b");
     EXPECT_EQ(labels(doc.elems("k", "v")), "ab b");
     char name[] = "b";
     EXPECT_EQ(labels(doc.elems(name, "k", "")), "cb");
-    EXPECT_STREQ(name, "b");
-}
-
-TEST_F(xml_query, queries_leave_tree_unchanged) {
-    const std::string before = dump_of(doc);
-    doc.elems("q", "missing");
-    doc.elem("");
-    doc.root->first_child(nullptr, "other", "");
+    EXPECT_EQ(labels(doc.elems("q", "missing")), "");
     EXPECT_EQ(dump_of(doc), before);
 }
 
@@ -273,8 +235,6 @@ TEST(xml_query_no_root, empty_results) {
     EXPECT_EQ(doc.elem("7"), nullptr);
     EXPECT_TRUE(doc.elems("a").empty());
     EXPECT_TRUE(doc.elems("k", "v").empty());
-    char name[] = "a";
-    EXPECT_TRUE(doc.elems(name, nullptr, nullptr).empty());
 }
 
 }  // namespace

@@ -32,6 +32,7 @@ xml::element* add(xml::element& parent, const char* name, const char* text = nul
 
 TEST(xml_dump, document_example) {
     xml::document doc(nullptr);
+    EXPECT_EQ(dump_of(doc), "<?xml  version=\"1.0\"?>\n");
     xml::element* a = doc.set_root(new xml::element("a", nullptr));
     a->attributes = {{"x", "1"}, {"id", "r"}};
     add(*a, "b", "hi");
@@ -44,17 +45,16 @@ TEST(xml_dump, document_example) {
               "</a>\n");
 }
 
-TEST(xml_dump, document_without_root_writes_declaration) {
-    EXPECT_EQ(dump_of(xml::document(nullptr)), "<?xml  version=\"1.0\"?>\n");
-}
-
 TEST(xml_dump, element_forms) {
     xml::element e("e", nullptr);
     EXPECT_EQ(dump_of(e), "<e/>\n");
     e.attributes = {{"a", "1"}, {"id", "2"}, {"b", "<&\""}};
     EXPECT_EQ(dump_of(e), "<e  id=\"2\"  a=\"1\"  b=\"<&\"\"/>\n");
-    add(e, "c");
-    e.text = "t <x>\n\"&";
+    add(*add(e, "c"), "d", "t");
+    add(e, "xml");
+    EXPECT_EQ(dump_of(e), "<e  id=\"2\"  a=\"1\"  b=\"<&\"\">\n   <c>\n      <d>t</d>\n   </c>\n"
+                          "<?xml  version=\"1.0\"?>\n</e>\n");
+    e.text = "t <x>\n\"&";  // text wins over children
     EXPECT_EQ(dump_of(e), "<e  id=\"2\"  a=\"1\"  b=\"<&\"\">t <x>\n\"&</e>\n");
 
     xml::element decl("xml", nullptr);
@@ -62,16 +62,6 @@ TEST(xml_dump, element_forms) {
     EXPECT_EQ(dump_of(decl), "<?xml  id=\"d\"  version=\"1.0\"?>\n");
     decl.text = "t";
     EXPECT_EQ(dump_of(decl), "<?xml  id=\"d\"  version=\"1.0\">t</xml>\n");
-}
-
-TEST(xml_dump, nesting_indents_three_spaces_per_level) {
-    xml::element a("a", nullptr);
-    add(*add(a, "b"), "c", "t");
-    add(a, "xml");
-    EXPECT_EQ(dump_of(a), "<a>\n   <b>\n      <c>t</c>\n   </b>\n<?xml  version=\"1.0\"?>\n</a>\n");
-    std::ostringstream tab;
-    xml::dump_tab(tab);
-    EXPECT_EQ(tab.str(), "");
 }
 
 // Records what the stream held at each flush.
@@ -153,23 +143,16 @@ const std::string hand_written =
     "<record>\n<field>end_of_records</field>\n<field>1700000000123456999</field>\n</record>\n"
     "</trace>\n";
 
-TEST(xml_round_trip, hand_written_trace_queries) {
+TEST(xml_round_trip, hand_written_trace) {
     trace_doc t(hand_written);
     ASSERT_TRUE(t.ok);
-    EXPECT_EQ(t.doc.root->name, "trace");
-    EXPECT_EQ(t.doc.root->attributes.at("hardware_concurrency"), "2");
     EXPECT_EQ(t.doc.elems("record").size(), 3u);
     std::vector<xml::element*> begins = records_named(t.doc, "task_begin");
     ASSERT_EQ(begins.size(), 1u);
     const parsed_record r = as_record(*begins[0]);
     EXPECT_EQ(r.timestamp, 1700000000123456789ULL);
     EXPECT_EQ(r.fields, (std::vector<std::string>{"140000000000", "{1,0,18446744073709551615}", "3"}));
-    EXPECT_EQ(begins[0]->children("field", nullptr, nullptr).size(), 7u);
-}
 
-TEST(xml_round_trip, hand_written_trace_dump_bytes) {
-    trace_doc t(hand_written);
-    ASSERT_TRUE(t.ok);
     const std::string dumped = dump_of(t.doc);
     EXPECT_EQ(dumped,
               "<?xml  version=\"1.0\"?>\n"
