@@ -287,7 +287,11 @@ void ompt_callback_dependences_fn(ompt_data_t* task_data, const ompt_dependence_
     void* task = slot(task_data);
     for (int i = 0; deps && i < ndeps; ++i) {
         void* variable = slot(&deps[i].variable);
-        int type = deps[i].dependence_type;
+        // Read as a plain number: a newer runtime may send types that the
+        // enumeration of this header does not list (5.1's *_all_memory).
+        int type;
+        static_assert(sizeof type == sizeof deps[i].dependence_type, "dependence type width");
+        std::memcpy(&type, &deps[i].dependence_type, sizeof type);
         if (type & 2) {
             __zop_relation_add(omp_domain, id_of(task, node_word), dependence_relation,
                                id_of(variable));
