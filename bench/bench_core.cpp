@@ -1,11 +1,20 @@
-// Cost of records on threads that already have their writers, written into a
-// real directory. The library is loaded after VUN_DIR is set, so the run
-// directory is a fresh one under the working directory (or BENCH_DIR).
+// Cost of records on threads that already have their writers, in both write
+// modes, next to reference figures measured in the same run: one write(2) of
+// a 40-byte line, a task_begin record's bytes formatted into memory, and the
+// same formatted into a shared mapping whose pages were touched beforehand.
+//
+// The library is copied twice and each copy loaded with its own VUN_MODE and
+// VUN_DIR (fresh directories under the working directory, or BENCH_DIR).
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -16,15 +25,15 @@
 namespace {
 
 struct api_table {
-    decltype(&__zop_domain_createA) domain_createA;
-    decltype(&__zop_string_handle_createA) string_handle_createA;
     decltype(&__zop_task_begin) task_begin;
     decltype(&__zop_task_end) task_end;
     decltype(&__zop_relation_add) relation_add;
-} api;
+    ___zop_domain* domain;
+    ___zop_string_handle* name;
+};
 
-___zop_domain* domain;
-___zop_string_handle* name;
+api_table libraries[2];  // 0: stream mode, 1: mapped mode
+std::string run_dir;
 
 // Write system calls of this process so far (write, writev and the like).
 long long write_calls() {
@@ -37,11 +46,12 @@ long long write_calls() {
 }
 
 void task_begin_end(benchmark::State& state) {
+    api_table& api = libraries[state.range(0)];
     __zop_id id{1, 0, 0}, parent{0, 0, 0};
     long long before = write_calls();
     for (auto _ : state) {
-        api.task_begin(domain, id, parent, name);
-        api.task_end(domain);
+        api.task_begin(api.domain, id, parent, api.name);
+        api.task_end(api.domain);
         ++id.d1;
     }
     if (state.thread_index() == 0 && state.threads() == 1 && before >= 0)
@@ -49,18 +59,92 @@ void task_begin_end(benchmark::State& state) {
 }
 
 void relation_add(benchmark::State& state) {
+    api_table& api = libraries[state.range(0)];
     __zop_id head{1, 0, 0}, tail{2, 1, 0};
-    long long before = write_calls();
     for (auto _ : state) {
-        api.relation_add(domain, head, 7, tail);
+        api.relation_add(api.domain, head, 7, tail);
         ++head.d1;
     }
-    if (state.thread_index() == 0 && state.threads() == 1 && before >= 0)
-        state.counters["writes_per_record"] = double(write_calls() - before) / double(state.iterations());
 }
 
-BENCHMARK(task_begin_end)->Threads(1)->Threads(2)->UseRealTime();
-BENCHMARK(relation_add)->Threads(1)->Threads(2)->UseRealTime();
+// Reference: one write(2) of a 40-byte line to a file of the run directory.
+void reference_write_40_bytes(benchmark::State& state) {
+    std::string path = run_dir + "/reference_write." + std::to_string(state.thread_index());
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const char line[] = "<field>1700000000123456789</field>\n<x>\n";  // 40 bytes
+    for (auto _ : state) benchmark::DoNotOptimize(write(fd, line, 40));
+    close(fd);
+}
+
+// The bytes of a task_begin and a task_end record, formatted as the library
+// formats them (clock read included).
+char* format_pair(char* out, unsigned long long id) {
+    auto line = [&](const char* text) {
+        size_t n = strlen(text);
+        memcpy(out, text, n);
+        out += n;
+    };
+    auto number = [&](unsigned long long v) {
+        line("<field>");
+        out = std::to_chars(out, out + 24, v).ptr;
+        line("</field>\n");
+    };
+    auto stamp = [&] {
+        timespec ts;
+        clock_gettime(CLOCK_REALTIME, &ts);
+        number(static_cast<unsigned long long>(ts.tv_sec * 1000000000LL + ts.tv_nsec));
+    };
+    line("<record>\n<field>task_begin</field>\n");
+    stamp();
+    number(94000000000000ULL);
+    line("<compound_field>\n");
+    number(id), number(0), number(0);
+    line("</compound_field>\n<compound_field>\n");
+    number(0), number(0), number(0);
+    line("</compound_field>\n");
+    number(94000000000512ULL);
+    number(1);
+    line("</record>\n<record>\n<field>task_end</field>\n");
+    stamp();
+    number(94000000000000ULL);
+    line("</record>\n");
+    return out;
+}
+
+void reference_format_into_memory(benchmark::State& state) {
+    static thread_local char buffer[1 << 16];
+    char* out = buffer;
+    unsigned long long id = 1;
+    for (auto _ : state) {
+        if (out - buffer > (1 << 16) - 1024) out = buffer;
+        out = format_pair(out, id++);
+        benchmark::DoNotOptimize(out);
+    }
+}
+
+void reference_format_into_touched_mapping(benchmark::State& state) {
+    const size_t size = 64 << 20;
+    std::string path = run_dir + "/reference_mapping." + std::to_string(state.thread_index());
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (ftruncate(fd, off_t(size)) != 0) state.SkipWithError("ftruncate");
+    char* map = static_cast<char*>(mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+    for (size_t i = 0; i < size; i += 4096) map[i] = 1;  // touch every page
+    char* out = map;
+    unsigned long long id = 1;
+    for (auto _ : state) {
+        if (size_t(out - map) > size - 1024) out = map;
+        out = format_pair(out, id++);
+        benchmark::DoNotOptimize(out);
+    }
+    munmap(map, size);
+    close(fd);
+}
+
+BENCHMARK(task_begin_end)->ArgName("mapped")->Arg(0)->Arg(1)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(relation_add)->ArgName("mapped")->Arg(0)->Arg(1)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(reference_write_40_bytes)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(reference_format_into_memory)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(reference_format_into_touched_mapping)->Threads(1)->Threads(2)->UseRealTime();
 
 template <typename F>
 void load(void* lib, F& fn, const char* symbol) {
@@ -71,32 +155,50 @@ void load(void* lib, F& fn, const char* symbol) {
     }
 }
 
+bool copy_file(const std::string& from, const std::string& to) {
+    std::ifstream in(from, std::ios::binary);
+    std::ofstream out(to, std::ios::binary);
+    out << in.rdbuf();
+    return bool(in) && bool(out);
+}
+
+// Loads a private copy of the library in the given mode.
+bool load_library(api_table& api, const char* mode) {
+    std::string dir = run_dir + "/" + mode;
+    std::string copy = run_dir + "/libryl_xml_" + mode + ".so";
+    if (mkdir(dir.c_str(), 0777) != 0 || !copy_file(RYL_LIB_PATH, copy)) return false;
+    setenv("VUN_DIR", dir.c_str(), 1);
+    setenv("VUN_MODE", mode, 1);
+    void* lib = dlopen(copy.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!lib) {
+        fprintf(stderr, "%s\n", dlerror());
+        return false;
+    }
+    load(lib, api.task_begin, "__zop_task_begin");
+    load(lib, api.task_end, "__zop_task_end");
+    load(lib, api.relation_add, "__zop_relation_add");
+    decltype(&__zop_domain_createA) domain_createA;
+    decltype(&__zop_string_handle_createA) string_handle_createA;
+    load(lib, domain_createA, "__zop_domain_createA");
+    load(lib, string_handle_createA, "__zop_string_handle_createA");
+    api.domain = domain_createA("bench");
+    api.name = string_handle_createA("task");
+    return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     const char* base = getenv("BENCH_DIR");
-    std::string dir = std::string(base && *base ? base : ".") + "/bench_trace_XXXXXX";
-    if (!mkdtemp(&dir[0])) {
+    run_dir = std::string(base && *base ? base : ".") + "/bench_trace_XXXXXX";
+    if (!mkdtemp(&run_dir[0])) {
         perror("mkdtemp");
         return 1;
     }
-    setenv("VUN_DIR", dir.c_str(), 1);
-    void* lib = dlopen(RYL_LIB_PATH, RTLD_NOW);
-    if (!lib) {
-        fprintf(stderr, "%s\n", dlerror());
-        return 1;
-    }
-    load(lib, api.domain_createA, "__zop_domain_createA");
-    load(lib, api.string_handle_createA, "__zop_string_handle_createA");
-    load(lib, api.task_begin, "__zop_task_begin");
-    load(lib, api.task_end, "__zop_task_end");
-    load(lib, api.relation_add, "__zop_relation_add");
-    domain = api.domain_createA("bench");
-    name = api.string_handle_createA("task");
-    fprintf(stderr, "trace files in %s\n", dir.c_str());
+    if (!load_library(libraries[0], "stream") || !load_library(libraries[1], "mapped")) return 1;
+    fprintf(stderr, "trace files in %s\n", run_dir.c_str());
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
-    dlclose(lib);
     return 0;
 }

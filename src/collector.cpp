@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 #include <thread>
 
@@ -32,17 +33,30 @@ void print_stdout_line(const std::string& text) {
     fflush(stdout);
 }
 
+// VUN_MODE: unset, empty or "stream" writes with one call per lock span,
+// "mapped" through shared mappings of the files.
+write_mode mode_from_environment() {
+    const char* value = getenv("VUN_MODE");
+    if (!value || !*value || strcmp(value, "stream") == 0) return write_mode::stream;
+    if (strcmp(value, "mapped") == 0) return write_mode::mapped;
+    std::string line = std::string("WARNING unknown VUN_MODE '") + value + "': writing trace files in stream mode\n";
+    fputs(line.c_str(), stderr);
+    fflush(stderr);
+    return write_mode::stream;
+}
+
 }  // namespace
 
 ryl_collector::ryl_collector() {
     if (const char* dir = getenv("VUN_DIR")) directory = dir;
+    mode = mode_from_environment();
     std::lock_guard<std::mutex> lock(mutex);
     if (unsigned n = std::thread::hardware_concurrency()) initial_writers = int(n);
     set_ryl_directory();
     int first = next_file_number;
     next_file_number += initial_writers;
     for (int number = first; number < first + initial_writers; ++number)
-        writer_pool.push_back(new trace_writer(number, directory));
+        writer_pool.push_back(new trace_writer(number, directory, mode));
 }
 
 void ryl_collector::set_ryl_directory() {
@@ -122,7 +136,7 @@ trace_writer* ryl_collector::assign_writer(trace_writer_wrapper* wrapper) {
         }
     }
     // A new file is created and its header written outside the collector lock.
-    if (!writer) writer = new (std::nothrow) trace_writer(number, std::move(dir));
+    if (!writer) writer = new (std::nothrow) trace_writer(number, std::move(dir), mode);
     if (!writer) return nullptr;
     writer->in_record = &wrapper->in_record;
     wrapper->thread_writer.store(writer, std::memory_order_release);

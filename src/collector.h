@@ -43,6 +43,7 @@ public:
     std::mutex mutex;            // guards the fields below and the handle registries
     std::mutex directory_mutex;  // guards the choice of the run directory
     std::string directory;
+    write_mode mode = write_mode::stream;  // from VUN_MODE
     int initial_writers = 8;
     int next_file_number = 0;
     std::list<trace_writer_wrapper*> wrappers;

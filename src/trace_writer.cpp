@@ -2,6 +2,8 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -37,6 +39,13 @@ const record_description record_descriptions[20] = {
 namespace {
 
 const char warning_text[] = "WARNING NO OPEN FILE: ";
+
+// Mapped files grow by this much at a time. Small enough that reserving a
+// chunk stays well inside the page cache's dirty limits, large enough that
+// the two system calls per chunk do not count.
+constexpr size_t chunk_size = 256 * 1024;
+// Zeros for reserving chunks; in .bss, so it costs no space in the file.
+char zero_chunk[chunk_size];
 constexpr char field_open[] = "<field>";
 constexpr char field_close[] = "</field>\n";
 
@@ -90,11 +99,35 @@ long long timestamp_now() {
     return static_cast<long long>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
 }
 
-trace_writer::trace_writer(int number, std::string dir) : directory(std::move(dir)) {
+trace_writer::trace_writer(int number, std::string dir, write_mode mode) : directory(std::move(dir)) {
     std::lock_guard<std::mutex> lock(mutex);
-    std::string path = directory + "/_ryl." + std::to_string(number);
-    fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    path = directory + "/_ryl." + std::to_string(number);
+    fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    open_target(mode);
+}
+
+trace_writer::trace_writer(int file, std::string file_path, std::string dir, write_mode mode)
+    : directory(std::move(dir)) {
+    std::lock_guard<std::mutex> lock(mutex);
+    path = std::move(file_path);
+    fd = file;
+    open_target(mode);
+}
+
+// Chooses the target and writes the header; the caller holds `mutex`.
+void trace_writer::open_target(write_mode mode) {
+    rlimit limit;
+    size_limit = getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY
+                     ? static_cast<unsigned long long>(limit.rlim_cur)
+                     : ~0ULL;
     target = fd >= 0 ? target_state::file : target_state::diverted;
+    if (fd >= 0 && mode == write_mode::mapped) {
+        int error = 0;
+        if (map_next_chunk(error))
+            target = target_state::mapped;
+        else
+            unmap_to_stream(error);
+    }
     char buf[160];
     char* end = append(buf, "<?xml version=\"1.0\"?>\n<trace version=\"0\" ts_frequency=\"1000000000\" "
                             "hardware_concurrency=\"");
@@ -105,26 +138,126 @@ trace_writer::trace_writer(int number, std::string dir) : directory(std::move(di
 }
 
 trace_writer::~trace_writer() {
+    if (chunk) munmap(chunk, chunk_size);
     if (fd >= 0) close(fd);
 }
 
 void trace_writer::emit(const iovec* parts, int count) {
     iovec v[8];
     int n = 0;
+    if (target == target_state::closed || stopped) return;
+    if (target == target_state::diverted) v[n++] = piece(warning_text, sizeof warning_text - 1);
+    for (int i = 0; i < count && n < 8; ++i) v[n++] = parts[i];
     switch (target) {
-    case target_state::closed:
-        return;
     case target_state::diverted:
-        v[n++] = piece(warning_text, sizeof warning_text - 1);
-        for (int i = 0; i < count && n < 8; ++i) v[n++] = parts[i];
         write_all(STDERR_FILENO, v, n);
         return;
     case target_state::file:
-        if (write_failed) return;
-        for (int i = 0; i < count && n < 8; ++i) v[n++] = parts[i];
-        if (!write_all(fd, v, n)) write_failed = true;
+        write_file(v, n);
+        return;
+    case target_state::mapped:
+        write_mapped(v, n);
+        return;
+    case target_state::closed:
         return;
     }
+}
+
+bool trace_writer::write_file(iovec* parts, int count) {
+    unsigned long long total = 0;
+    for (int i = 0; i < count; ++i) total += parts[i].iov_len;
+    // Writing past the file size limit would raise SIGXFSZ in the host.
+    if (length + total > size_limit) {
+        stop_output("file size limit reached");
+        return false;
+    }
+    if (!write_all(fd, parts, count)) {
+        stop_output(strerror(errno));
+        return false;
+    }
+    length += total;
+    return true;
+}
+
+void trace_writer::write_mapped(iovec* parts, int count) {
+    for (int i = 0; i < count; ++i) {
+        const char* text = static_cast<const char*>(parts[i].iov_base);
+        size_t size = parts[i].iov_len;
+        while (size > 0) {
+            size_t room = size_t(chunk_offset + chunk_size - length);
+            if (room == 0) {
+                int error = 0;
+                if (!map_next_chunk(error)) {
+                    // The rest of the span, and everything after it, goes
+                    // through ordinary writes from where the content ends.
+                    unmap_to_stream(error);
+                    parts[i].iov_base = const_cast<char*>(text);
+                    parts[i].iov_len = size;
+                    write_file(parts + i, count - i);
+                    return;
+                }
+                continue;
+            }
+            size_t n = size < room ? size : room;
+            memcpy(chunk + (length - chunk_offset), text, n);
+            length += n;
+            text += n;
+            size -= n;
+        }
+    }
+}
+
+// Reserves the next chunk of the file by writing it full of zeros (which
+// allocates its blocks and brings its pages into the page cache in one call,
+// so a full disk shows here and never as SIGBUS on a store), then maps it.
+bool trace_writer::map_next_chunk(int& error) {
+    unsigned long long offset = chunk ? chunk_offset + chunk_size : 0;
+    if (offset + chunk_size > size_limit) {
+        error = EFBIG;
+        return false;
+    }
+    for (size_t done = 0; done < chunk_size;) {
+        ssize_t n = pwrite(fd, zero_chunk + done, chunk_size - done, off_t(offset + done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            error = n < 0 ? errno : ENOSPC;
+            return false;
+        }
+        done += size_t(n);
+    }
+    void* mapping = mmap(nullptr, chunk_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, off_t(offset));
+    if (mapping == MAP_FAILED) {
+        error = errno;
+        return false;
+    }
+    if (chunk) munmap(chunk, chunk_size);
+    chunk = static_cast<char*>(mapping);
+    chunk_offset = offset;
+    return true;
+}
+
+// Leaves the mapping and goes on with ordinary writes at the end of the
+// content, after cutting off the reserved tail.
+void trace_writer::unmap_to_stream(int error) {
+    std::string line = "WARNING could not reserve space in " + path + ": " + strerror(error) +
+                       "; writing it with ordinary writes\n";
+    ssize_t ignored = ::write(STDERR_FILENO, line.data(), line.size());
+    (void)ignored;
+    if (chunk) munmap(chunk, chunk_size);
+    chunk = nullptr;
+    if (ftruncate(fd, off_t(length)) != 0 || lseek(fd, off_t(length), SEEK_SET) < 0) {
+        stop_output(strerror(errno));
+        return;
+    }
+    target = target_state::file;
+}
+
+// Reports a failed file once; the writer drops its later output.
+void trace_writer::stop_output(const char* why) {
+    stopped = true;
+    std::string line = "WARNING write to " + path + " failed: " + why + "; its later records are dropped\n";
+    ssize_t ignored = ::write(STDERR_FILENO, line.data(), line.size());
+    (void)ignored;
 }
 
 void trace_writer::emit_span(const iovec* parts, int count) {
@@ -132,16 +265,28 @@ void trace_writer::emit_span(const iovec* parts, int count) {
     emit(parts, count);
 }
 
+// Writes one lock span of at most MaxSize bytes made by format(out), which
+// returns the end of what it wrote. A mapped file with room takes the text
+// in place; otherwise it is formatted on the stack and emitted.
+template <size_t MaxSize, typename F>
+void format_span(trace_writer& w, F&& format) {
+    std::lock_guard<std::mutex> lock(w.mutex);
+    if (w.target == trace_writer::target_state::mapped && w.chunk_offset + chunk_size - w.length >= MaxSize) {
+        char* out = w.chunk + (w.length - w.chunk_offset);
+        w.length += size_t(format(out) - out);
+        return;
+    }
+    char buf[MaxSize];
+    iovec span = piece(buf, size_t(format(buf) - buf));
+    w.emit(&span, 1);
+}
+
 void trace_writer::write(unsigned long long value) {
-    char buf[48];
-    iovec span = piece(buf, size_t(append_number_field(buf, value) - buf));
-    emit_span(&span, 1);
+    format_span<48>(*this, [value](char* out) { return append_number_field(out, value); });
 }
 
 void trace_writer::write(long long value) {
-    char buf[48];
-    iovec span = piece(buf, size_t(append_number_field(buf, value) - buf));
-    emit_span(&span, 1);
+    format_span<48>(*this, [value](char* out) { return append_number_field(out, value); });
 }
 
 void trace_writer::write(const char* text) {
@@ -151,20 +296,17 @@ void trace_writer::write(const char* text) {
 }
 
 void trace_writer::write(const __zop_id& id) {
-    char buf[200];
-    char* end = append(buf, "<compound_field>\n");
-    end = append_number_field(end, id.d1);
-    end = append_number_field(end, id.d2);
-    end = append_number_field(end, id.d3);
-    end = append(end, "</compound_field>\n");
-    iovec span = piece(buf, size_t(end - buf));
-    emit_span(&span, 1);
+    format_span<200>(*this, [&id](char* out) {
+        out = append(out, "<compound_field>\n");
+        out = append_number_field(out, id.d1);
+        out = append_number_field(out, id.d2);
+        out = append_number_field(out, id.d3);
+        return append(out, "</compound_field>\n");
+    });
 }
 
 void trace_writer::end_record() {
-    static const char text[] = "</record>\n";
-    iovec span = piece(text, sizeof text - 1);
-    emit_span(&span, 1);
+    format_span<16>(*this, [](char* out) { return append(out, "</record>\n"); });
     if (in_record) in_record->store(false, std::memory_order_release);
 }
 
@@ -176,6 +318,22 @@ void trace_writer::finish() {
     iovec span = piece(text, sizeof text - 1);
     std::lock_guard<std::mutex> lock(mutex);
     emit(&span, 1);
+    if (chunk) {
+        munmap(chunk, chunk_size);
+        chunk = nullptr;
+        // A finished file holds its content only, as in stream mode; should
+        // the cut fail, the file keeps a zero-filled tail, as after a kill.
+        int cut = ftruncate(fd, off_t(length));
+        (void)cut;
+    }
+    if (fd >= 0) close(fd);
+    fd = -1;
+    target = target_state::closed;
+}
+
+void trace_writer::abandon() {
+    if (chunk) munmap(chunk, chunk_size);
+    chunk = nullptr;
     if (fd >= 0) close(fd);
     fd = -1;
     target = target_state::closed;
@@ -183,16 +341,16 @@ void trace_writer::finish() {
 
 void write_begin_record(trace_writer* writer, __zop_record_t kind) {
     if (!writer) return;
-    static const char open_text[] = "<record>\n";
-    iovec open_span = piece(open_text, sizeof open_text - 1);
-    writer->emit_span(&open_span, 1);
-
+    format_span<16>(*writer, [](char* out) { return append(out, "<record>\n"); });
     unsigned row = static_cast<unsigned>(kind);
     const char* name = row < 20 ? record_descriptions[row].name : "";
-    iovec name_span[3] = {piece(field_open, sizeof field_open - 1), piece(name),
-                          piece(field_close, sizeof field_close - 1)};
-    writer->emit_span(name_span, 3);
-
+    size_t name_size = strlen(name);  // at most 21 bytes
+    format_span<48>(*writer, [name, name_size](char* out) {
+        out = append(out, field_open);
+        out = append(out, name, name_size);
+        return append(out, field_close);
+    });
+    // The clock is read outside the writer's lock.
     writer->write(static_cast<unsigned long long>(timestamp_now()));
 }
 

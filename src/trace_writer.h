@@ -22,12 +22,19 @@ struct record_description {
 // Indexed by __zop_record_t.
 extern const record_description record_descriptions[20];
 
+// How trace files are written: one write call per lock span, or copies into
+// a shared mapping of the file.
+enum class write_mode { stream, mapped };
+
 class trace_writer {
 public:
     // Creates "<directory>/_ryl.<number>" (emptying a file of that name) and
     // writes the header. A file that cannot be created diverts the writer's
     // text to standard error, each lock span preceded by a warning.
-    trace_writer(int number, std::string directory);
+    trace_writer(int number, std::string directory, write_mode mode = write_mode::stream);
+    // Writes into a file the caller has opened (and locked) already; fd < 0
+    // diverts to standard error.
+    trace_writer(int fd, std::string path, std::string directory, write_mode mode);
     ~trace_writer();
     trace_writer(const trace_writer&) = delete;
     trace_writer& operator=(const trace_writer&) = delete;
@@ -45,9 +52,12 @@ public:
     void write(const __zop_id& id);
     // "</record>"; also ends the owning thread's record in progress.
     void end_record();
-    // The end_of_records record and "</trace>", then the file is closed.
-    // Later spans of this writer are dropped.
+    // The end_of_records record and "</trace>", then the file is cut to its
+    // content and closed. Later spans of this writer are dropped.
     void finish();
+    // Forgets the file without writing to it (a forked child's copy of its
+    // parent's writer): the mapping and the descriptor go, the file stays.
+    void abandon();
 
     // Writes the text of one lock span to the writer's target; the caller
     // holds `mutex`.
@@ -55,15 +65,29 @@ public:
     // Locks, emits one span, unlocks.
     void emit_span(const iovec* parts, int count);
 
-    enum class target_state { file, diverted, closed };
+    enum class target_state { file, mapped, diverted, closed };
 
     std::string directory;
-    std::mutex mutex;                  // guards everything below
-    int fd = -1;                       // the trace file
+    std::mutex mutex;   // guards everything below
+    std::string path;   // the trace file, for messages
+    int fd = -1;
     target_state target = target_state::diverted;
-    bool write_failed = false;         // a write to the file failed: drop the rest
+    bool stopped = false;               // a write failed or the size limit came: drop the rest
+    unsigned long long length = 0;      // bytes of content in the file
+    unsigned long long size_limit = 0;  // the process's file size limit
+    // Mapped mode: the current chunk of the file and where it starts.
+    char* chunk = nullptr;
+    unsigned long long chunk_offset = 0;
     // The owning thread's "record in progress" flag, cleared by end_record.
     std::atomic<bool>* in_record = nullptr;
+
+private:
+    void open_target(write_mode mode);
+    bool write_file(iovec* parts, int count);
+    void write_mapped(iovec* parts, int count);
+    bool map_next_chunk(int& error);
+    void unmap_to_stream(int error);
+    void stop_output(const char* why);
 };
 
 // Opens a record: "<record>", the name field and the timestamp field, each

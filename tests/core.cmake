@@ -3,3 +3,8 @@
 ryl_add_test(core_api_test core_api_test.cpp LABELS core)
 ryl_add_test(core_collector_test core_collector_test.cpp LABELS core-threads)
 target_compile_definitions(core_collector_test PRIVATE RYL_NM="${CMAKE_NM}")
+# The same byte-exact tests with every trace file written through a mapping.
+foreach(t core_api_test core_collector_test)
+  gtest_discover_tests(${t} TEST_SUFFIX .mapped DISCOVERY_TIMEOUT 60
+    PROPERTIES ENVIRONMENT VUN_MODE=mapped LABELS core-mapped-threads TIMEOUT 300)
+endforeach()
