@@ -21,7 +21,13 @@ trap 'rm -rf "$work"' EXIT
 # apt-get download writes into the working directory; as root it hands the
 # download to the unprivileged _apt user, which must be able to write there.
 chmod 0777 "$work"
-(cd "$work" && apt-get download libomp5-16)
+sudo=
+[ "$(id -u)" -eq 0 ] || sudo=sudo
+if ! (cd "$work" && apt-get download libomp5-16); then
+    # Package lists may be missing (a fresh container): fetch them once.
+    $sudo apt-get update -qq
+    (cd "$work" && apt-get download libomp5-16)
+fi
 dpkg -x "$work"/libomp5-16_*.deb "$dir"
 lib="$dir/usr/lib/llvm-16/lib/libomp.so.5"
 if [ ! -e "$lib" ]; then
