@@ -22,6 +22,9 @@ constexpr int text_size = 100000;
 // A slot as a character value: bytes 0x80..0xFF are negative, 0xFF is -1.
 inline int value_of(char slot) { return static_cast<signed char>(slot); }
 
+// The whitespace test of the tokenizer, inlined in its loops.
+inline bool whitespace(int c) { return !(c >= 33 && c <= 126) && c != -1; }
+
 // Moves the look-ahead on by one character; returns what getc gave, which
 // tells the end of input (-1) from a byte 0xFF (255).
 inline int shift(tokenizer& t) {
@@ -30,6 +33,13 @@ inline int shift(tokenizer& t) {
     int c = t.getc();
     t.after_next = static_cast<char>(c);
     return c;
+}
+
+// Shifts once, then past whitespace; returns the current character.
+inline int skip_to_next(tokenizer& t) {
+    shift(t);
+    while (whitespace(value_of(t.current))) shift(t);
+    return value_of(t.current);
 }
 
 void say(const char* line) {
@@ -93,7 +103,7 @@ int read_comment(tokenizer& t) {
     }
     t.next = '>';
     t.after_next = static_cast<char>(t.getc());
-    t.next_char();
+    skip_to_next(t);
     return 99;
 }
 
@@ -123,17 +133,15 @@ int tokenizer::getc() {
 }
 
 bool tokenizer::is_whitespace(int c) {
-    return !(c >= 33 && c <= 126) && c != -1;
+    return whitespace(c);
 }
 
 int tokenizer::next_char() {
-    shift(*this);
-    while (is_whitespace(value_of(current))) shift(*this);
-    return value_of(current);
+    return skip_to_next(*this);
 }
 
 int tokenizer::look_ahead() {
-    while (is_whitespace(value_of(next))) {
+    while (whitespace(value_of(next))) {
         next = after_next;
         after_next = static_cast<char>(getc());
     }
@@ -146,7 +154,7 @@ int tokenizer::next_token(char* buf, int size) {
         next = static_cast<char>(getc());
         after_next = static_cast<char>(getc());
     }
-    const int c = next_char();
+    const int c = skip_to_next(*this);
     switch (c) {
     case -1:
     case '=':
@@ -154,20 +162,20 @@ int tokenizer::next_token(char* buf, int size) {
         return c;
     case '/':
         if (next != '>') return -1;
-        next_char();
+        skip_to_next(*this);
         return 69;
     case '?':
         if (next != '>') return -1;
-        next_char();
+        skip_to_next(*this);
         return 88;
     case '<':
         if (next == '?') {
-            next_char();
+            skip_to_next(*this);
             return 120;
         }
         if (next == '!') return read_comment(*this);
         if (next == '/') {
-            next_char();
+            skip_to_next(*this);
             return 101;
         }
         return 98;  // the name is read by the next call
@@ -183,7 +191,7 @@ int tokenizer::next_token(char* buf, int size) {
     if (store) buf[stored++] = current;
     for (;;) {
         const int n = value_of(next);
-        if (is_whitespace(n) || n == '=' || n == '>' || n == '?') break;
+        if (whitespace(n) || n == '=' || n == '>' || n == '?') break;
         if (n == -1 && value_of(after_next) == -1) {
             // Bytes 0xFF or the end of input: the end repeats, a byte does not.
             if (shift(*this) == -1) break;
