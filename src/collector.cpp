@@ -1,9 +1,11 @@
 #include "collector.h"
 
-#include <dirent.h>
-#include <sched.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -19,18 +21,17 @@ namespace {
 // The calling thread's wrapper. A plain pointer with constant initialisation
 // registers no thread-exit handler, so the library can still be unloaded.
 thread_local ryl_collector::trace_writer_wrapper* current_wrapper = nullptr;
+// Set while this thread holds the collector mutex, so that a signal handler
+// interrupting it there gives up instead of deadlocking.
+thread_local bool holding_collector_mutex = false;
 
-bool directory_exists(const std::string& path) {
-    DIR* dir = opendir(path.c_str());
-    if (!dir) return false;
-    closedir(dir);
-    return true;
+void print_line(FILE* stream, const std::string& text) {
+    fputs((text + "\n").c_str(), stream);
+    fflush(stream);
 }
 
-void print_stdout_line(const std::string& text) {
-    fputs(text.c_str(), stdout);
-    fputc('\n', stdout);
-    fflush(stdout);
+void report_mkdir_failure(const std::string& directory) {
+    print_line(stdout, "WARNING when issuing: mkdir " + directory);
 }
 
 // VUN_MODE: unset, empty or "stream" writes with one call per lock span,
@@ -39,46 +40,159 @@ write_mode mode_from_environment() {
     const char* value = getenv("VUN_MODE");
     if (!value || !*value || strcmp(value, "stream") == 0) return write_mode::stream;
     if (strcmp(value, "mapped") == 0) return write_mode::mapped;
-    std::string line = std::string("WARNING unknown VUN_MODE '") + value + "': writing trace files in stream mode\n";
-    fputs(line.c_str(), stderr);
-    fflush(stderr);
+    print_line(stderr, std::string("WARNING unknown VUN_MODE '") + value + "': writing trace files in stream mode");
     return write_mode::stream;
+}
+
+// A VUN_DIR holding a percent sign is a pattern: %p the process id, %h the
+// host name, %% a percent sign; any other sequence stays as written.
+std::string expand_pattern(const std::string& pattern) {
+    std::string out;
+    for (size_t i = 0; i < pattern.size(); ++i) {
+        char next = i + 1 < pattern.size() ? pattern[i + 1] : '\0';
+        if (pattern[i] != '%' || (next != 'p' && next != 'h' && next != '%')) {
+            out += pattern[i];
+            continue;
+        }
+        ++i;
+        if (next == 'p') {
+            out += std::to_string(getpid());
+        } else if (next == 'h') {
+            char host[256] = "";
+            gethostname(host, sizeof host - 1);
+            out += host;
+        } else {
+            out += '%';
+        }
+    }
+    return out;
+}
+
+bool is_directory(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// Fork handlers: the child must never write into, finish or truncate its
+// parent's files.
+void before_fork() {
+    get_ftc()->mutex.lock();
+}
+
+void after_fork_in_parent() {
+    get_ftc()->mutex.unlock();
+}
+
+void after_fork_in_child() {
+    get_ftc()->forget_parent_writers();
+    current_wrapper = nullptr;
+    get_ftc()->mutex.unlock();
 }
 
 }  // namespace
 
+collector_lock::collector_lock(ryl_collector* collector) : mutex(&collector->mutex) {
+    if (holding_collector_mutex) {
+        mutex = nullptr;
+        return;
+    }
+    mutex->lock();
+    holding_collector_mutex = true;
+}
+
+collector_lock::~collector_lock() {
+    if (!mutex) return;
+    holding_collector_mutex = false;
+    mutex->unlock();
+}
+
 ryl_collector::ryl_collector() {
     if (const char* dir = getenv("VUN_DIR")) directory = dir;
     mode = mode_from_environment();
+    load_time = timestamp_now();
     std::lock_guard<std::mutex> lock(mutex);
     if (unsigned n = std::thread::hardware_concurrency()) initial_writers = int(n);
     set_ryl_directory();
-    int first = next_file_number;
-    next_file_number += initial_writers;
-    for (int number = first; number < first + initial_writers; ++number)
-        writer_pool.push_back(new trace_writer(number, directory, mode));
+    for (int i = 0; i < initial_writers; ++i) {
+        int number = next_file_number++;
+        writer_pool.push_back(open_writer(number));
+        next_file_number = number + 1;
+    }
+    pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
 }
 
 void ryl_collector::set_ryl_directory() {
     std::lock_guard<std::mutex> lock(directory_mutex);
-    if (!directory.empty()) return;
+    if (!directory.empty()) {
+        if (directory.find('%') == std::string::npos) return;
+        directory = expand_pattern(directory);
+        if (mkdir(directory.c_str(), 0777) != 0 && !(errno == EEXIST && is_directory(directory)))
+            report_mkdir_failure(directory);
+        return;
+    }
     time_t now = time(nullptr);
     tm local;
     localtime_r(&now, &local);
     char base[64];
     strftime(base, sizeof base, "_vun_%Y%m%d_%H%M%S", &local);
+    // Each candidate is claimed by creating it: a name another process took
+    // (even in the same second) fails with EEXIST and the next one is tried.
     directory = base;
-    if (directory_exists(directory)) {
+    if (mkdir(base, 0777) == 0) return;
+    if (errno == EEXIST) {
         for (int counter = 0; counter < 1000; ++counter) {
             char candidate[80];
             snprintf(candidate, sizeof candidate, "%s_%03d", base, counter);
-            if (!directory_exists(candidate)) {
+            if (mkdir(candidate, 0777) == 0) {
+                directory = candidate;
+                return;
+            }
+            if (errno != EEXIST) {
                 directory = candidate;
                 break;
             }
         }
     }
-    if (mkdir(directory.c_str(), 0777) != 0) print_stdout_line("WARNING when issuing: mkdir " + directory);
+    report_mkdir_failure(directory);
+}
+
+// Opens the trace file of `number`, or of the first later number whose file
+// no other process of the run owns; `number` is left at the one taken. A
+// file is taken over (emptied) only when no live process holds its lock and
+// it is older than this process's collector (a file of an earlier run).
+trace_writer* ryl_collector::open_writer(int& number) {
+    for (;; ++number) {
+        std::string path = directory + "/_ryl." + std::to_string(number);
+        int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+        if (fd < 0) return new trace_writer(-1, path, directory, mode);  // diverted
+        if (flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+            close(fd);
+            continue;
+        }
+        struct stat st;
+        if (fstat(fd, &st) == 0 && st.st_size > 0 &&
+            st.st_mtim.tv_sec * 1000000000LL + st.st_mtim.tv_nsec >= load_time) {
+            close(fd);
+            continue;
+        }
+        if (ftruncate(fd, 0) != 0) {
+            close(fd);
+            return new trace_writer(-1, path, directory, mode);
+        }
+        return new trace_writer(fd, path, directory, mode);
+    }
+}
+
+void ryl_collector::forget_parent_writers() {
+    // Only the forking thread lives on; whatever other threads held (their
+    // writers' locks included) is left untouched.
+    for (trace_writer_wrapper* wrapper : wrappers) {
+        wrapper->collector.store(nullptr);
+        if (trace_writer* w = wrapper->thread_writer.exchange(nullptr)) w->abandon();
+    }
+    for (trace_writer* w : writer_pool) w->abandon();
+    wrappers.clear();
+    writer_pool.clear();
 }
 
 ryl_collector::~ryl_collector() {
@@ -110,8 +224,8 @@ ryl_collector::~ryl_collector() {
 }
 
 ryl_collector::trace_writer_wrapper* ryl_collector::new_wrapper() {
-    std::lock_guard<std::mutex> lock(mutex);
-    if (destroyed) return nullptr;
+    collector_lock lock(this);
+    if (!lock.mutex || destroyed) return nullptr;
     auto* wrapper = new trace_writer_wrapper;
     wrapper->collector.store(this);
     wrappers.push_back(wrapper);
@@ -121,10 +235,9 @@ ryl_collector::trace_writer_wrapper* ryl_collector::new_wrapper() {
 trace_writer* ryl_collector::assign_writer(trace_writer_wrapper* wrapper) {
     trace_writer* writer = nullptr;
     int number = 0;
-    std::string dir;
     {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (destroyed) return nullptr;
+        collector_lock lock(this);
+        if (!lock.mutex || destroyed) return nullptr;
         // One lock whether the pool has a writer or a new number is taken,
         // so the pool's emptiness is never looked at without it.
         if (!writer_pool.empty()) {
@@ -132,12 +245,18 @@ trace_writer* ryl_collector::assign_writer(trace_writer_wrapper* wrapper) {
             writer_pool.pop_front();
         } else {
             number = next_file_number++;
-            dir = directory;
         }
     }
-    // A new file is created and its header written outside the collector lock.
-    if (!writer) writer = new (std::nothrow) trace_writer(number, std::move(dir), mode);
-    if (!writer) return nullptr;
+    if (!writer) {
+        // A new file is created and its header written outside the collector
+        // lock; numbers owned by other processes are skipped.
+        int first = number;
+        writer = open_writer(number);
+        if (number != first) {
+            collector_lock lock(this);
+            if (lock.mutex && next_file_number <= number) next_file_number = number + 1;
+        }
+    }
     writer->in_record = &wrapper->in_record;
     wrapper->thread_writer.store(writer, std::memory_order_release);
     return writer;

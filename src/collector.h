@@ -35,6 +35,10 @@ public:
     // Chooses and creates the run directory when VUN_DIR did not name one.
     void set_ryl_directory();
 
+    // Opens the writer of the first free file number from `number` on.
+    trace_writer* open_writer(int& number);
+    // In a forked child: drops the parent's writers without writing to them.
+    void forget_parent_writers();
     // A wrapper for the calling thread, registered; null once destroyed.
     trace_writer_wrapper* new_wrapper();
     // Gives the wrapper a pooled or new writer; null once destroyed.
@@ -44,11 +48,23 @@ public:
     std::mutex directory_mutex;  // guards the choice of the run directory
     std::string directory;
     write_mode mode = write_mode::stream;  // from VUN_MODE
+    long long load_time = 0;  // files modified since then belong to this run
     int initial_writers = 8;
     int next_file_number = 0;
     std::list<trace_writer_wrapper*> wrappers;
     std::list<trace_writer*> writer_pool;
     bool destroyed = false;
+};
+
+// Holds the collector mutex unless the calling thread holds it already (a
+// signal handler that interrupted the thread inside the library): then
+// `mutex` is null and the caller gives up instead of deadlocking.
+struct collector_lock {
+    explicit collector_lock(ryl_collector* collector);
+    ~collector_lock();
+    collector_lock(const collector_lock&) = delete;
+    collector_lock& operator=(const collector_lock&) = delete;
+    std::mutex* mutex;
 };
 
 // The process-wide collector.

@@ -61,10 +61,10 @@ Handle* create_handle(std::unordered_map<std::string, Handle*>& registry, const 
     if (!name) return nullptr;
     Handle* handle = nullptr;
     no_throw([&] {
-        std::mutex& mutex = writer::get_ftc()->mutex;
+        writer::ryl_collector* collector = writer::get_ftc();
         {
-            std::lock_guard<std::mutex> lock(mutex);
-            if (!internal::registries_open) return;
+            writer::collector_lock lock(collector);
+            if (!lock.mutex || !internal::registries_open) return;
             auto found = registry.find(name);
             if (found != registry.end()) handle = found->second;
         }
@@ -73,8 +73,8 @@ Handle* create_handle(std::unordered_map<std::string, Handle*>& registry, const 
             if (!fresh) return;
             bool inserted = false;
             {
-                std::lock_guard<std::mutex> lock(mutex);
-                if (internal::registries_open) {
+                writer::collector_lock lock(collector);
+                if (lock.mutex && internal::registries_open) {
                     auto entry = registry.emplace(name, fresh);
                     inserted = entry.second;
                     handle = entry.first->second;

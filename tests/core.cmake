@@ -8,3 +8,4 @@ foreach(t core_api_test core_collector_test)
   gtest_discover_tests(${t} TEST_SUFFIX .mapped DISCOVERY_TIMEOUT 60
     PROPERTIES ENVIRONMENT VUN_MODE=mapped LABELS core-mapped-threads TIMEOUT 300)
 endforeach()
+ryl_add_test(core_robustness_test core_robustness_test.cpp LABELS core threads)

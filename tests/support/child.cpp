@@ -103,15 +103,17 @@ child_result collect(pid_t pid, const std::string& out_path, const std::string& 
 
 }  // namespace
 
-child_result run_in_child(const child_options& options, const std::function<void(zop_api&)>& body) {
-    std::string out_path = temp_file_path("out"), err_path = temp_file_path("err");
+started_child start_child(const child_options& options, const std::function<void(zop_api&)>& body) {
+    started_child child;
+    child.out_path = temp_file_path("out");
+    child.err_path = temp_file_path("err");
     fflush(stdout);
     fflush(stderr);
     pid_t pid = fork();
     if (pid == 0) {
         alarm(options.timeout_seconds);
-        redirect(1, out_path);
-        redirect(2, err_path);
+        redirect(1, child.out_path);
+        redirect(2, child.err_path);
         apply_env(options.set_env, options.unset_env);
         if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0) _exit(102);
         if (options.before_load) options.before_load();
@@ -130,7 +132,14 @@ child_result run_in_child(const child_options& options, const std::function<void
         }
         exit(0);
     }
-    return collect(pid, out_path, err_path);
+    child.pid = pid;
+    return child;
+}
+
+child_result wait_child(const started_child& child) { return collect(child.pid, child.out_path, child.err_path); }
+
+child_result run_in_child(const child_options& options, const std::function<void(zop_api&)>& body) {
+    return wait_child(start_child(options, body));
 }
 
 child_result run_program(const std::vector<std::string>& argv,

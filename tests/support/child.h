@@ -55,6 +55,14 @@ struct child_result {
 // ends (unload or exit). Returns once the child has ended.
 child_result run_in_child(const child_options& options, const std::function<void(zop_api&)>& body);
 
+// The same in two steps, for children that run side by side or are killed.
+struct started_child {
+    int pid = -1;
+    std::string out_path, err_path;
+};
+started_child start_child(const child_options& options, const std::function<void(zop_api&)>& body);
+child_result wait_child(const started_child& child);
+
 // Runs a program with extra environment settings; output is captured.
 child_result run_program(const std::vector<std::string>& argv,
                          const std::vector<std::pair<std::string, std::string>>& set_env,

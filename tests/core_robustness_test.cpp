@@ -1,0 +1,347 @@
+// The collector where real programs meet it: killed processes, full disks and
+// size limits, several processes in one run directory, fork, signal handlers
+// and bad settings. Every case runs in fresh processes.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/time.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <climits>
+#include <cstring>
+#include <map>
+#include <random>
+#include <regex>
+#include <set>
+#include <thread>
+
+#include "child.h"
+#include "trace_text.h"
+
+namespace {
+
+const unsigned hc = std::thread::hardware_concurrency();
+const int pool = hc ? int(hc) : 8;
+const char* const modes[] = {"stream", "mapped"};
+
+// Every file of a directory, parsed.
+std::map<std::string, parsed_trace> read_run(const std::string& dir) {
+    std::map<std::string, parsed_trace> files;
+    for (const std::string& name : list_dir(dir)) files[name] = parse_trace(read_file(dir + "/" + name));
+    return files;
+}
+
+// The ids {a, b, 0} of the id_create records of a trace, as "a,b".
+std::vector<std::string> created_ids(const parsed_trace& trace) {
+    std::vector<std::string> ids;
+    for (const parsed_record& r : trace.records)
+        if (r.name == "id_create") ids.push_back(r.fields[1].substr(1, r.fields[1].rfind(',') - 1));
+    return ids;
+}
+
+// A process killed at a random moment leaves, in every file, a header and
+// whole lines, the last maybe cut by the kill, then only zero bytes; every
+// record that had returned before the kill is there whole.
+TEST(killed_process, files_hold_every_returned_record) {
+    std::mt19937 random(12345);
+    for (const char* mode : modes) {
+        for (int round = 0; round < 3; ++round) {
+            temp_dir dir;
+            // How many records the child has finished, seen by the parent.
+            auto* done = static_cast<std::atomic<long>*>(
+                mmap(nullptr, sizeof(std::atomic<long>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+            new (done) std::atomic<long>(0);
+            child_options options;
+            options.set_env = {{"VUN_DIR", dir.path}, {"VUN_MODE", mode}};
+            started_child child = start_child(options, [done](zop_api& api) {
+                for (unsigned long i = 0;; ++i) {
+                    api.id_create(nullptr, {i, 0, 0});
+                    done->store(long(i + 1));
+                }
+            });
+            while (done->load() < 1000) std::this_thread::yield();
+            std::this_thread::sleep_for(std::chrono::milliseconds(random() % 200));
+            kill(child.pid, SIGKILL);
+            child_result result = wait_child(child);
+            ASSERT_EQ(result.status, 128 + SIGKILL);
+            long returned = done->load();
+            munmap(done, sizeof(std::atomic<long>));
+
+            std::string text = read_file(dir.path + "/_ryl.0");
+            size_t content = text.find('\0');
+            if (content == std::string::npos) content = text.size();
+            EXPECT_EQ(text.find_first_not_of('\0', content), std::string::npos) << mode << ": data after zeros";
+            // Keep whole lines: the last one may have been cut by the kill.
+            std::string whole = text.substr(0, text.rfind('\n', content - 1) + 1);
+            parsed_trace trace = parse_trace(whole);
+            // A record may be open at the end; cut at its start.
+            if (!trace.ok) trace = parse_trace(whole.substr(0, whole.rfind("<record>\n")));
+            ASSERT_TRUE(trace.ok) << mode << ": " << trace.error;
+            EXPECT_FALSE(trace.finished);
+            std::vector<std::string> ids = created_ids(trace);
+            ASSERT_GE(long(ids.size()), returned) << mode;
+            for (long i = 0; i < long(ids.size()); ++i) ASSERT_EQ(ids[size_t(i)], std::to_string(i) + ",0");
+        }
+    }
+}
+
+// Output stops at the process's file size limit instead of raising SIGXFSZ;
+// in mapped mode the reservation fails first and the file goes on with
+// ordinary writes up to the limit.
+TEST(full_disk, file_size_limit_stops_output_without_a_signal) {
+    for (const char* mode : modes) {
+        temp_dir dir;
+        child_options options;
+        options.set_env = {{"VUN_DIR", dir.path}, {"VUN_MODE", mode}};
+        options.before_load = [] {
+            rlimit limit{300 * 1024, 300 * 1024};
+            setrlimit(RLIMIT_FSIZE, &limit);
+        };
+        child_result child = run_in_child(options, [](zop_api& api) {
+            for (unsigned long i = 0; i < 20000; ++i) api.id_create(nullptr, {i, 0, 0});
+            printf("done\n");
+        });
+        ASSERT_EQ(child.status, 0) << mode << child.err;
+        EXPECT_EQ(child.out, "done\n");
+        std::string file = dir.path + "/_ryl.0";
+        std::string expected = "WARNING write to " + file + " failed: file size limit reached; its later records are dropped\n";
+        if (std::string(mode) == "mapped")
+            expected = "WARNING could not reserve space in " + file +
+                       ": File too large; writing it with ordinary writes\n" + expected;
+        EXPECT_EQ(child.err, expected) << mode;
+        std::string text = read_file(file);
+        EXPECT_LE(text.size(), 300u * 1024);
+        EXPECT_GT(text.size(), 250u * 1024);
+        EXPECT_EQ(text.find('\0'), std::string::npos);
+        parsed_trace trace = parse_trace(text.substr(0, text.rfind("<record>\n")));
+        EXPECT_TRUE(trace.ok) << trace.error;
+    }
+}
+
+// A small file system filled up: the program ends normally, with one line
+// per file that could not be reserved or written.
+TEST(full_disk, small_file_system_fills_up) {
+    temp_dir dir;
+    if (mount("tmpfs", dir.path.c_str(), "tmpfs", 0, "size=1m") != 0)
+        GTEST_SKIP() << "cannot mount a small tmpfs here (" << strerror(errno) << "); the size-limit test covers it";
+    for (const char* mode : modes) {
+        child_options options;
+        options.set_env = {{"VUN_DIR", dir.path}, {"VUN_MODE", mode}};
+        child_result child = run_in_child(options, [](zop_api& api) {
+            for (unsigned long i = 0; i < 20000; ++i) api.id_create(nullptr, {i, 0, 0});
+            printf("done\n");
+        });
+        EXPECT_EQ(child.status, 0) << mode << child.err;
+        EXPECT_EQ(child.out, "done\n");
+        EXPECT_NE(child.err.find("WARNING write to " + dir.path + "/_ryl.0 failed: No space left on device"),
+                  std::string::npos)
+            << mode << ": " << child.err;
+        for (const std::string& name : list_dir(dir.path)) unlink((dir.path + "/" + name).c_str());
+    }
+    umount(dir.path.c_str());
+}
+
+TEST(settings, unknown_mode_warns_and_streams) {
+    temp_dir dir;
+    child_result child =
+        run_in_child({{{"VUN_DIR", dir.path}, {"VUN_MODE", "fast"}}}, [](zop_api& api) { api.task_end(nullptr); });
+    ASSERT_EQ(child.status, 0);
+    EXPECT_EQ(child.err, "WARNING unknown VUN_MODE 'fast': writing trace files in stream mode\n");
+    EXPECT_EQ(mask_timestamps(read_file(dir.path + "/_ryl.0")),
+              header_lines(hc) + record("task_end", field(0)) + file_end());
+}
+
+// Processes that share VUN_DIR, side by side: nobody's file is truncated;
+// every record of every process is there exactly once; every file is
+// finished once.
+TEST(several_processes, shared_run_directory) {
+    for (const char* mode : modes) {
+        temp_dir dir;
+        const int processes = 4, records = 300;
+        // All processes are loaded and alive before any of them emits.
+        auto* loaded = static_cast<std::atomic<int>*>(
+            mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+        new (loaded) std::atomic<int>(0);
+        std::vector<started_child> children;
+        for (int p = 0; p < processes; ++p)
+            children.push_back(start_child({{{"VUN_DIR", dir.path}, {"VUN_MODE", mode}}}, [p, loaded](zop_api& api) {
+                ++*loaded;
+                while (loaded->load() < processes) std::this_thread::yield();
+                for (int i = 0; i < records; ++i) api.id_create(nullptr, {unsigned(i), unsigned(p), 0});
+            }));
+        for (const started_child& c : children) ASSERT_EQ(wait_child(c).status, 0);
+        munmap(loaded, sizeof(std::atomic<int>));
+        std::map<std::string, int> seen;
+        auto files = read_run(dir.path);
+        EXPECT_EQ(files.size(), size_t(processes * pool)) << mode;
+        for (const auto& file : files) {
+            EXPECT_TRUE(file.second.ok && file.second.finished) << file.first << ": " << file.second.error;
+            for (const std::string& id : created_ids(file.second)) ++seen[id];
+        }
+        EXPECT_EQ(seen.size(), size_t(processes * records)) << mode;
+        for (const auto& id : seen) EXPECT_EQ(id.second, 1) << id.first;
+    }
+}
+
+// One process after another while the first is still alive, then a run
+// after both have ended: the later run reuses the names.
+TEST(several_processes, later_run_reuses_names_of_ended_ones) {
+    temp_dir dir;
+    child_options options{{{"VUN_DIR", dir.path}}};
+    child_result first = run_in_child(options, [](zop_api& api) { api.id_create(nullptr, {1, 1, 0}); });
+    ASSERT_EQ(first.status, 0);
+    // Files of an ended process, older than the next load: taken over.
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    child_result second = run_in_child(options, [](zop_api& api) { api.id_create(nullptr, {2, 2, 0}); });
+    ASSERT_EQ(second.status, 0);
+    EXPECT_EQ(list_dir(dir.path).size(), size_t(pool));
+    EXPECT_EQ(created_ids(parse_trace(read_file(dir.path + "/_ryl.0"))), std::vector<std::string>{"2,2"});
+}
+
+TEST(several_processes, same_second_without_vun_dir_gets_two_directories) {
+    temp_dir cwd;
+    child_options options;
+    options.cwd = cwd.path;
+    options.unset_env = {"VUN_DIR"};
+    started_child a = start_child(options, [](zop_api& api) { api.id_create(nullptr, {1, 0, 0}); });
+    started_child b = start_child(options, [](zop_api& api) { api.id_create(nullptr, {2, 0, 0}); });
+    child_result ra = wait_child(a), rb = wait_child(b);
+    ASSERT_EQ(ra.status, 0);
+    ASSERT_EQ(rb.status, 0);
+    EXPECT_EQ(ra.out + rb.out, "");
+    std::vector<std::string> dirs = list_dir(cwd.path);
+    ASSERT_EQ(dirs.size(), 2u);
+    std::set<std::string> ids;
+    for (const std::string& d : dirs) {
+        auto files = read_run(cwd.path + "/" + d);
+        EXPECT_EQ(files.size(), size_t(pool));
+        for (const std::string& id : created_ids(files["_ryl.0"])) ids.insert(id);
+    }
+    EXPECT_EQ(ids, (std::set<std::string>{"1,0", "2,0"}));
+}
+
+TEST(settings, vun_dir_pattern) {
+    temp_dir dir;
+    char host[256] = "";
+    gethostname(host, sizeof host - 1);
+    std::string pattern = dir.path + "/run-%h-%p-%%-%x-%";
+    started_child child = start_child({{{"VUN_DIR", pattern}}}, [](zop_api& api) { api.task_end(nullptr); });
+    child_result result = wait_child(child);
+    ASSERT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "");
+    std::string made = "run-" + std::string(host) + "-" + std::to_string(child.pid) + "-%-%x-%";
+    EXPECT_EQ(list_dir(dir.path), std::vector<std::string>{made});
+    EXPECT_EQ(list_dir(dir.path + "/" + made).size(), size_t(pool));
+    // The parent must exist; a failure is reported like any mkdir failure.
+    std::string missing = dir.path + "/no/such/%p";
+    started_child bad = start_child({{{"VUN_DIR", missing}}}, [](zop_api&) {});
+    child_result bad_result = wait_child(bad);
+    EXPECT_EQ(bad_result.out, "WARNING when issuing: mkdir " + dir.path + "/no/such/" + std::to_string(bad.pid) + "\n");
+}
+
+// fork() without exec: the child drops its parent's writers without writing
+// to them; the parent's files end exactly as if there had been no child.
+TEST(fork, child_never_touches_parent_files) {
+    for (const char* mode : modes) {
+        for (bool child_first : {true, false}) {
+            temp_dir dir;
+            child_result parent = run_in_child({{{"VUN_DIR", dir.path}, {"VUN_MODE", mode}}}, [&](zop_api& api) {
+                api.id_create(nullptr, {1, 0, 0});
+                std::thread([&] { api.id_create(nullptr, {2, 0, 0}); }).join();
+                pid_t pid = fork();
+                if (pid == 0) {
+                    if (!child_first) usleep(50000);
+                    api.id_create(nullptr, {10, 0, 0});
+                    std::thread([&] { api.id_create(nullptr, {11, 0, 0}); }).join();
+                    exit(0);
+                }
+                if (child_first) waitpid(pid, nullptr, 0);
+                api.id_create(nullptr, {3, 0, 0});
+                if (!child_first) waitpid(pid, nullptr, 0);
+            });
+            ASSERT_EQ(parent.status, 0) << parent.err;
+            auto files = read_run(dir.path);
+            ASSERT_EQ(files.size(), size_t(pool + 2)) << mode;
+            EXPECT_EQ(created_ids(files["_ryl.0"]), (std::vector<std::string>{"1,0", "3,0"}));
+            EXPECT_EQ(created_ids(files["_ryl.1"]), std::vector<std::string>{"2,0"});
+            // The child's threads got new files, numbered past the parent's.
+            std::string a = "_ryl." + std::to_string(pool), b = "_ryl." + std::to_string(pool + 1);
+            EXPECT_EQ(created_ids(files[a]), std::vector<std::string>{"10,0"});
+            EXPECT_EQ(created_ids(files[b]), std::vector<std::string>{"11,0"});
+            for (const auto& file : files)
+                EXPECT_TRUE(file.second.ok && file.second.finished) << mode << " " << file.first << ": " << file.second.error;
+        }
+    }
+}
+
+// A signal handler that emits while its thread is inside a record: the
+// handler's record is dropped whole, nothing deadlocks, every file stays
+// well-formed.
+zop_api* handler_api;
+std::atomic<long> handler_calls{0};
+void emit_from_handler(int) {
+    handler_api->id_create(nullptr, {999, 0, 0});
+    handler_api->domain_createA("from handler");
+    ++handler_calls;
+}
+
+TEST(signal_handler, emitting_handler_never_deadlocks) {
+    temp_dir dir;
+    child_options options{{{"VUN_DIR", dir.path}}};
+    options.timeout_seconds = 30;
+    child_result child = run_in_child(options, [](zop_api& api) {
+        handler_api = &api;
+        struct sigaction action {};
+        action.sa_handler = emit_from_handler;
+        sigaction(SIGPROF, &action, nullptr);
+        itimerval timer{{0, 200}, {0, 200}};
+        setitimer(ITIMER_PROF, &timer, nullptr);
+        auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+        for (unsigned long i = 0; std::chrono::steady_clock::now() < end; ++i) {
+            api.id_create(nullptr, {i, 1, 0});
+            api.string_handle_createA(i % 2 ? "a" : "b");
+        }
+        itimerval off{};
+        setitimer(ITIMER_PROF, &off, nullptr);
+        printf("%d\n", handler_calls.load() > 0);
+    });
+    ASSERT_EQ(child.status, 0) << child.err;
+    EXPECT_EQ(child.out, "1\n");
+    parsed_trace trace = parse_trace(read_file(dir.path + "/_ryl.0"));
+    EXPECT_TRUE(trace.ok && trace.finished) << trace.error;
+}
+
+// Settings and surroundings that cannot work: no crash, files diverted to
+// standard error, and the documented messages.
+TEST(settings, bad_run_directories) {
+    temp_dir dir;
+    std::string file = dir.path + "/plain_file";
+    fclose(fopen(file.c_str(), "w"));
+    std::string too_long = dir.path + "/" + std::string(PATH_MAX + 10, 'x');
+    struct row {
+        const char* what;
+        std::string vun_dir;
+    } rows[] = {{"a file", file}, {"longer than PATH_MAX", too_long}, {"a pattern longer than PATH_MAX", too_long + "%p"}};
+    for (const row& r : rows) {
+        child_result child =
+            run_in_child({{{"VUN_DIR", r.vun_dir}}}, [](zop_api& api) { api.task_end(nullptr); });
+        EXPECT_EQ(child.status, 0) << r.what;
+        EXPECT_NE(child.err.find("WARNING NO OPEN FILE: <record>\n"), std::string::npos) << r.what;
+    }
+    // A working directory that has gone: the run directory cannot be made.
+    temp_dir cwd;
+    child_options gone;
+    gone.cwd = cwd.path;
+    gone.unset_env = {"VUN_DIR"};
+    gone.before_load = [&] { rmdir(cwd.path.c_str()); };
+    child_result child = run_in_child(gone, [](zop_api& api) { api.task_end(nullptr); });
+    EXPECT_EQ(child.status, 0);
+    EXPECT_TRUE(std::regex_match(child.out, std::regex("WARNING when issuing: mkdir _vun_\\d{8}_\\d{6}\n"))) << child.out;
+}
+
+}  // namespace
