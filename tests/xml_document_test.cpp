@@ -151,6 +151,16 @@ void* deep_documents(void* result) {
     *static_cast<bool*>(result) = a.parse() && a.elems("e").size() == below_root && !b.parse() &&
                                   !c.parse() && c.elems("e").size() == below_root &&
                                   dump_of(a).size() > 3u * below_root * xml::max_nesting_depth;
+    // A tree built by hand has no limit: queries and destruction still fit.
+    xml::element deep("e", nullptr);
+    xml::element* leaf = &deep;
+    for (int i = 0; i < 100000; ++i) {
+        leaf->child_elements.push_back(new xml::element("e", nullptr));
+        leaf = leaf->child_elements.back();
+    }
+    leaf->attributes["id"] = "leaf";
+    *static_cast<bool*>(result) &=
+        deep.child("leaf") == leaf && deep.children("e", nullptr, nullptr).size() == 100000;
     return nullptr;
 }
 
