@@ -283,6 +283,8 @@ element* document::set_root(element* new_root) {
 
 namespace {
 
+// Name, value and text buffers of one parse, on the heap (not zeroed: the
+// tokenizer terminates what it writes before the parser reads it).
 struct parse_buffers {
     char name[name_size];
     char value[value_size];
@@ -413,7 +415,7 @@ struct parser {
 
 bool document::parse() {
     try {
-        auto buffers = std::make_unique<parse_buffers>();
+        std::unique_ptr<parse_buffers> buffers(new parse_buffers);
         return parser(*this, buffers->name, buffers->value, buffers->text).top_level();
     } catch (...) {  // out of memory: refuse the rest of the input
         return false;
@@ -432,7 +434,7 @@ bool document::parse_xml_tag() {
 
 bool document::parse_element(element* parent) {
     try {
-        auto buffers = std::make_unique<parse_buffers>();
+        std::unique_ptr<parse_buffers> buffers(new parse_buffers);
         return parser(*this, buffers->name, buffers->value, buffers->text).element_tree(parent);
     } catch (...) {
         return false;
