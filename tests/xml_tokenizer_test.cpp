@@ -172,6 +172,16 @@ TEST(xml_open, missing_file_prints_error_and_ends_input) {
     EXPECT_EQ(t.next_token(nullptr, 0), -1);
 }
 
+TEST(xml_open, file_is_closed_with_tokenizer) {
+    input_file file("<a/>");
+    const size_t before = list_dir("/proc/self/fd").size();
+    {
+        xml::tokenizer t(file.path.c_str());
+        EXPECT_EQ(list_dir("/proc/self/fd").size(), before + 1);
+    }
+    EXPECT_EQ(list_dir("/proc/self/fd").size(), before);
+}
+
 TEST(xml_open, no_name_reads_end_of_input_silently) {
     testing::internal::CaptureStdout();
     xml::tokenizer t(nullptr);
