@@ -70,10 +70,12 @@ public:
     int next_token(char* buf, int size);
     // Reads a double-quoted string that opens at the current character, like
     // a string token, printing a warning for every character that does not fit.
+    // With no buffer the string is skipped silently.
     void capture_string(char* buf, int size);
     // Reads an element's raw content, nested markup included, up to the "</"
     // of its end tag; stores at most size - 2 characters and warns once when
-    // more come. Empty content gives an empty text.
+    // more come. Empty content gives an empty text. A byte 0xFF ends the
+    // content. With no buffer the content is skipped silently.
     void get_text(char* buf, int size);
 
     FILE* file;          // the named file; null when none was given or opened
