@@ -1,0 +1,55 @@
+// ryl check DIR: validates every trace file of a run directory.
+#include "ryl.h"
+
+namespace ryl {
+
+int check_command(const std::vector<std::string>& args) {
+    if (args.size() != 1) {
+        error_line("usage: ryl check DIR");
+        return exit_usage;
+    }
+    std::vector<trace_path> files;
+    if (!list_trace_files(args[0], files)) return exit_error;
+
+    unsigned ok = 0, cut = 0, bad = 0, failed = 0;
+    record rec;
+    for (const trace_path& p : files) {
+        trace_file f;
+        if (open_trace(f, p.path))
+            while (next_record(f, rec) == read_status::record) {
+            }
+        std::string line = p.path + ": ";
+        switch (f.status) {
+        case read_status::finished: {
+            ++ok;
+            line += "ok, " + std::to_string(f.records) + " records";
+            const uint64_t zeros = trailing_zero_bytes(f);
+            if (zeros) line += ", followed by " + std::to_string(zeros) + " zero bytes";
+            break;
+        }
+        case read_status::cut_short:
+            ++cut;
+            line += f.problem;
+            break;
+        case read_status::malformed:
+            ++bad;
+            line += (f.header_read ? "malformed: " : "not a trace file: ") + f.problem;
+            break;
+        default:
+            ++failed;
+            line += "cannot read: " + f.problem;
+            break;
+        }
+        std::printf("%s\n", line.c_str());
+    }
+    std::printf("%zu file%s: %u ok, %u cut short, %u malformed", files.size(), files.size() == 1 ? "" : "s", ok, cut, bad);
+    if (failed) std::printf(", %u unreadable", failed);
+    std::printf("\n");
+    std::fflush(stdout);
+    if (failed) return exit_error;
+    if (bad) return exit_malformed;
+    if (cut) return exit_cut_short;
+    return exit_ok;
+}
+
+}  // namespace ryl

@@ -1,0 +1,300 @@
+// ryl graph DIR -o graph.dot [--svg|--png]: the task graph in Graphviz DOT.
+//
+// Every id that a task_group record places becomes an entity with the name
+// and parent of its first placement. Entities named "graph" or
+// "composite_node" are drawn as clusters, nested as placed; everything placed
+// under a cluster is drawn inside it: "node" entities as boxes, ports as
+// small grey ellipses tied to their node by a dotted line. Relations of every
+// kind are edges labelled with their kind; an end that no task_group places
+// becomes a node of its own, drawn as a small diamond when only dependence
+// relations (kind 7) name it. Metadata shows in the label of its id.
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <set>
+#include <tuple>
+
+#include "ryl.h"
+
+extern char** environ;
+
+namespace ryl {
+
+namespace {
+
+constexpr size_t max_metadata_shown = 4;
+constexpr int max_nesting = 64;  // parent chains are followed this far
+
+struct entity {
+    bool placed = false;
+    uint64_t name = 0;
+    id3 parent;
+    std::vector<std::pair<uint64_t, std::string>> metadata;  // key handle, value
+    bool only_dependences = true;  // unplaced: named only by kind 7 relations
+};
+
+using relation = std::tuple<id3, unsigned, id3>;
+
+struct task_graph {
+    name_table names;
+    std::map<id3, entity> entities;
+    std::set<relation> relations;
+};
+
+void on_record(task_graph& g, const record& rec) {
+    switch (rec.kind) {
+    case kind_domain_createA:
+    case kind_string_handle_createA: note_name(g.names, rec); break;
+    case kind_task_group: {
+        entity& e = g.entities[rec.fields[1].id];
+        if (!e.placed) {
+            e.placed = true;
+            e.parent = rec.fields[2].id;
+            e.name = rec.fields[3].number;
+        }
+        break;
+    }
+    case kind_relation: {
+        const unsigned kind = unsigned(rec.fields[2].number);
+        if (!g.relations.emplace(rec.fields[1].id, kind, rec.fields[3].id).second) break;
+        for (const id3& end : {rec.fields[1].id, rec.fields[3].id}) {
+            entity& e = g.entities[end];
+            if (kind != 7) e.only_dependences = false;
+        }
+        break;
+    }
+    case kind_metadata: {
+        entity& e = g.entities[rec.fields[1].id];
+        if (e.metadata.size() >= max_metadata_shown) break;
+        const uint64_t value = rec.fields[5].number;
+        e.metadata.emplace_back(rec.fields[2].number, rec.fields[3].number == 1 ? hex(value) : std::to_string(value));
+        break;
+    }
+    case kind_metadata_stringA: {
+        entity& e = g.entities[rec.fields[1].id];
+        if (e.metadata.size() >= max_metadata_shown) break;
+        std::string text = rec.fields[4].text.substr(0, 40);
+        if (rec.fields[4].text_size > 40) text += "...";
+        e.metadata.emplace_back(rec.fields[2].number, quoted(text));
+        break;
+    }
+    default: break;
+    }
+}
+
+// ---------------------------------------------------------------- drawing
+
+// A DOT double-quoted string: valid UTF-8, quotation marks and backslashes
+// escaped, line feeds as \n, "&" as an entity (Graphviz reads entities in labels).
+std::string dot_string(const std::string& text) {
+    std::string out = "\"";
+    for (char c : valid_utf8(text)) {
+        if (c == '"' || c == '\\')
+            out += std::string("\\") + c;
+        else if (c == '\n')
+            out += "\\n";
+        else if (c == '&')
+            out += "&amp;";
+        else if (static_cast<unsigned char>(c) < 32 || c == 127)
+            out += ' ';
+        else
+            out += c;
+    }
+    return out + "\"";
+}
+
+std::string node_id(const id3& id) {
+    return "n_" + std::to_string(id.a) + "_" + std::to_string(id.b) + "_" + std::to_string(id.c);
+}
+
+struct drawing {
+    const task_graph& g;
+    std::string out;
+    std::map<id3, std::vector<id3>> members;   // cluster: entities drawn directly inside it
+    std::map<id3, std::vector<id3>> subclusters;
+    std::vector<id3> top;                      // entities outside every cluster
+    std::vector<id3> top_clusters;
+    std::map<id3, id3> home;                   // entity: its innermost cluster
+    std::set<id3> drawn;
+};
+
+std::string name_of(const drawing& d, const entity& e) { return string_name(d.g.names, e.name); }
+
+bool is_cluster(const drawing& d, const id3& id) {
+    const auto it = d.g.entities.find(id);
+    if (it == d.g.entities.end() || !it->second.placed) return false;
+    const std::string name = name_of(d, it->second);
+    return name == "graph" || name == "composite_node";
+}
+
+// The innermost cluster that holds an entity placed under parent, if any.
+bool cluster_above(const drawing& d, id3 parent, id3& cluster) {
+    for (int i = 0; i < max_nesting && !is_null(parent); ++i) {
+        if (is_cluster(d, parent)) {
+            cluster = parent;
+            return true;
+        }
+        const auto it = d.g.entities.find(parent);
+        if (it == d.g.entities.end() || !it->second.placed) return false;
+        parent = it->second.parent;
+    }
+    return false;
+}
+
+bool inside(const drawing& d, id3 id, const id3& cluster) {
+    for (int i = 0; i < max_nesting; ++i) {
+        const auto it = d.home.find(id);
+        if (it == d.home.end()) return false;
+        if (it->second == cluster) return true;
+        id = it->second;
+    }
+    return false;
+}
+
+std::string label(const drawing& d, const id3& id, const entity& e) {
+    std::string text;
+    if (e.placed)
+        text = name_of(d, e) + "\n" + id_text(id);
+    else if (e.only_dependences && id.b == 0 && id.c == 0)
+        text = "variable\n" + hex(id.a);
+    else
+        text = "id " + id_text(id);
+    for (const auto& m : e.metadata) text += "\n" + string_name(d.g.names, m.first) + " = " + m.second;
+    return dot_string(text);
+}
+
+void draw_node(drawing& d, const id3& id, const std::string& indent) {
+    const entity& e = d.g.entities.at(id);
+    std::string style;
+    const std::string name = e.placed ? name_of(d, e) : "";
+    if (!e.placed)
+        style = e.only_dependences ? "shape=diamond, fontsize=8" : "shape=ellipse";
+    else if (name == "node")
+        style = "shape=box";
+    else if (name.find("port") != std::string::npos)
+        style = "shape=ellipse, style=filled, fillcolor=lightgrey, fontsize=8";
+    else
+        style = "shape=ellipse";
+    d.out += indent + node_id(id) + " [" + style + ", label=" + label(d, id, e) + "];\n";
+}
+
+void draw_cluster(drawing& d, const id3& id, const std::string& indent) {
+    const entity& e = d.g.entities.at(id);
+    d.out += indent + "subgraph cluster_" + node_id(id).substr(2) + " {\n";
+    d.out += indent + "  label=" + label(d, id, e) + ";\n";
+    // The cluster's own point, where its relations start and end.
+    d.out += indent + "  " + node_id(id) + " [shape=point, width=0.08];\n";
+    for (const id3& c : d.subclusters[id]) draw_cluster(d, c, indent + "  ");
+    for (const id3& m : d.members[id]) draw_node(d, m, indent + "  ");
+    d.out += indent + "}\n";
+}
+
+std::string draw(const task_graph& g) {
+    drawing d{g, {}, {}, {}, {}, {}, {}, {}};
+    // What is drawn: the clusters with everything placed under them, every
+    // end of a relation, and the parents that place drawn entities.
+    for (const auto& kv : g.entities) {
+        id3 cluster;
+        const bool under = kv.second.placed && cluster_above(d, kv.second.parent, cluster);
+        if (under) d.home[kv.first] = cluster;
+        if (under || is_cluster(d, kv.first)) d.drawn.insert(kv.first);
+    }
+    for (const relation& r : g.relations) {
+        d.drawn.insert(std::get<0>(r));
+        d.drawn.insert(std::get<2>(r));
+    }
+    for (const id3& id : d.drawn) {
+        const auto h = d.home.find(id);
+        const bool cluster = is_cluster(d, id);
+        if (h == d.home.end())
+            (cluster ? d.top_clusters : d.top).push_back(id);
+        else
+            (cluster ? d.subclusters : d.members)[h->second].push_back(id);
+    }
+
+    d.out = "digraph trace {\n  compound=true;\n  node [fontname=\"Helvetica\", fontsize=10];\n"
+            "  edge [fontname=\"Helvetica\", fontsize=9];\n";
+    for (const id3& c : d.top_clusters) draw_cluster(d, c, "  ");
+    for (const id3& n : d.top) draw_node(d, n, "  ");
+
+    // A drawn entity placed under another drawn entity that is not a cluster
+    // (a port under its node): a dotted line, in the direction of the flow.
+    for (const id3& id : d.drawn) {
+        const entity& e = g.entities.at(id);
+        if (!e.placed || is_null(e.parent) || !d.drawn.count(e.parent) || is_cluster(d, e.parent)) continue;
+        const bool input = name_of(d, e).find("input") != std::string::npos;
+        const std::string& from = node_id(input ? id : e.parent);
+        const std::string& to = node_id(input ? e.parent : id);
+        d.out += "  " + from + " -> " + to + " [style=dotted, arrowhead=none];\n";
+    }
+    for (const relation& r : g.relations) {
+        const id3& head = std::get<0>(r);
+        const id3& tail = std::get<2>(r);
+        std::string attrs = "label=\"" + std::to_string(std::get<1>(r)) + "\"";
+        if (is_cluster(d, head) && !inside(d, tail, head)) attrs += ", ltail=cluster_" + node_id(head).substr(2);
+        if (is_cluster(d, tail) && !inside(d, head, tail)) attrs += ", lhead=cluster_" + node_id(tail).substr(2);
+        d.out += "  " + node_id(head) + " -> " + node_id(tail) + " [" + attrs + "];\n";
+    }
+    return d.out + "}\n";
+}
+
+// Runs Graphviz's dot on the DOT file; the exit status of ryl.
+int render(const std::string& dot_file, const std::string& format, const std::string& picture) {
+    const std::string type = "-T" + format;
+    const char* argv[] = {"dot", type.c_str(), "-o", picture.c_str(), dot_file.c_str(), nullptr};
+    pid_t pid;
+    const int err = posix_spawnp(&pid, "dot", nullptr, nullptr, const_cast<char* const*>(argv), environ);
+    if (err) {
+        error_line("cannot make " + picture + ": Graphviz's dot " +
+                   (err == ENOENT ? std::string("is not installed") : "cannot run: " + std::string(std::strerror(err))) +
+                   " (" + dot_file + " is written)");
+        return exit_error;
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        error_line("dot failed on " + dot_file + ": " + picture + " is not made");
+        return exit_error;
+    }
+    return exit_ok;
+}
+
+}  // namespace
+
+int graph_command(const std::vector<std::string>& args) {
+    command_line cl;
+    const bool parsed = parse_command_line(args, {"--svg", "--png"}, cl);
+    if (!parsed || cl.flags.size() > 1 || (!cl.flags.empty() && cl.out == "-")) {
+        error_line("usage: ryl graph DIR [-o FILE.dot [--svg | --png]]");
+        return exit_usage;
+    }
+    std::vector<trace_path> files;
+    if (!list_trace_files(cl.dir, files)) return exit_error;
+    task_graph g;
+    record rec;
+    for (const trace_path& p : files) {
+        trace_file f;
+        if (!open_for_reading(f, p)) return exit_error;
+        while (next_record(f, rec) == read_status::record) on_record(g, rec);
+        if (!done_reading(f, p, true)) return exit_error;
+    }
+    output out;
+    if (!open_output(out, cl.out)) return exit_error;
+    const std::string text = draw(g);
+    std::fwrite(text.data(), 1, text.size(), out.file);
+    if (!close_output(out)) return exit_error;
+    if (cl.flags.empty()) return exit_ok;
+
+    const std::string format = cl.flags[0].substr(2);
+    std::string picture = cl.out;
+    const size_t dot = picture.rfind(".dot");
+    if (dot != std::string::npos && dot + 4 == picture.size()) picture.erase(dot);
+    picture += "." + format;
+    return render(cl.out, format, picture);
+}
+
+}  // namespace ryl

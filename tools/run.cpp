@@ -1,0 +1,220 @@
+// ryl run [-o DIR] -- PROGRAM [ARGS]: runs a program with the collector
+// loaded and a fresh run directory, then prints the summary of that directory.
+#include <dirent.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "ryl.h"
+
+namespace ryl {
+
+namespace {
+
+bool readable(const std::string& path) { return ::access(path.c_str(), R_OK) == 0; }
+
+std::string absolute(const std::string& path) {
+    char resolved[PATH_MAX];
+    return ::realpath(path.c_str(), resolved) ? std::string(resolved) : path;
+}
+
+// The library to load: RYL_LIBRARY, else ../lib/libryl_xml.so beside this
+// executable (an installed ryl), else the library of the build tree.
+bool find_library(std::string& library) {
+    const char* env = std::getenv("RYL_LIBRARY");
+    if (env && *env) {
+        if (!readable(env)) {
+            error_line(std::string("RYL_LIBRARY=") + env + ": " + std::strerror(errno));
+            return false;
+        }
+        library = absolute(env);
+        return true;
+    }
+    std::string installed = "(unknown)";
+    char self[PATH_MAX];
+    const ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
+    if (n > 0) {
+        std::string exe(self, size_t(n));
+        installed = exe.substr(0, exe.rfind('/')) + "/../lib/libryl_xml.so";
+        if (readable(installed)) {
+            library = absolute(installed);
+            return true;
+        }
+    }
+#ifdef RYL_BUILD_LIBRARY
+    if (readable(RYL_BUILD_LIBRARY)) {
+        library = RYL_BUILD_LIBRARY;
+        return true;
+    }
+    installed += " and " RYL_BUILD_LIBRARY;
+#endif
+    error_line("cannot find libryl_xml.so (looked for " + installed + "); set RYL_LIBRARY to its path");
+    return false;
+}
+
+bool holds_trace_files(const std::string& dir) {
+    DIR* d = ::opendir(dir.c_str());
+    if (!d) return false;
+    bool found = false;
+    while (const dirent* e = ::readdir(d)) found = found || std::strncmp(e->d_name, "_ryl.", 5) == 0;
+    ::closedir(d);
+    return found;
+}
+
+// The run directory: the one named (created when missing, refused when it
+// already holds trace files), else a new "_vun_YYYYMMDD_HHMMSS" in the
+// working directory, "_000" to "_999" appended when that name is taken.
+bool make_run_directory(const std::string& named, std::string& dir) {
+    if (!named.empty()) {
+        struct stat st;
+        if (::stat(named.c_str(), &st) == 0) {
+            if (!S_ISDIR(st.st_mode)) {
+                error_line(named + ": not a directory");
+                return false;
+            }
+            if (holds_trace_files(named)) {
+                error_line(named + ": already holds trace files; name a new or empty directory");
+                return false;
+            }
+        } else if (::mkdir(named.c_str(), 0777) != 0) {
+            error_line(named + ": cannot create: " + std::strerror(errno));
+            return false;
+        }
+        dir = absolute(named);
+        return true;
+    }
+    const time_t now = ::time(nullptr);
+    struct tm tm;
+    localtime_r(&now, &tm);
+    char base[64];
+    std::strftime(base, sizeof base, "_vun_%Y%m%d_%H%M%S", &tm);
+    for (int i = -1; i < 1000; ++i) {
+        char name[80];
+        std::snprintf(name, sizeof name, i < 0 ? "%s" : "%s_%03d", base, i);
+        if (::mkdir(name, 0777) == 0) {
+            dir = absolute(name);
+            return true;
+        }
+        if (errno != EEXIST) {
+            error_line(std::string(name) + ": cannot create: " + std::strerror(errno));
+            return false;
+        }
+    }
+    error_line(std::string(base) + ": cannot create: every name up to _999 is taken");
+    return false;
+}
+
+// name=value, with value put in front of an earlier value of the list.
+void prepend(const char* name, const std::string& value, char separator) {
+    const char* old = std::getenv(name);
+    std::string v = value;
+    if (old && *old) v += separator + std::string(old);
+    ::setenv(name, v.c_str(), 1);
+}
+
+// Starts the program; -1 (message printed) when it cannot be started.
+pid_t start(const std::vector<std::string>& command, const std::string& library, const std::string& dir,
+            const struct sigaction& old_int, const struct sigaction& old_quit) {
+    int report[2];
+    if (::pipe2(report, O_CLOEXEC) != 0) {
+        error_line(std::string("cannot start ") + command[0] + ": " + std::strerror(errno));
+        return -1;
+    }
+    std::fflush(stdout);
+    std::fflush(stderr);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::close(report[0]);
+        ::sigaction(SIGINT, &old_int, nullptr);
+        ::sigaction(SIGQUIT, &old_quit, nullptr);
+        ::setenv("VUN_DIR", dir.c_str(), 1);
+        prepend("LD_PRELOAD", library, ':');
+        prepend("OMP_TOOL_LIBRARIES", library, ':');
+        std::vector<char*> argv;
+        for (const std::string& a : command) argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        ::execvp(argv[0], argv.data());
+        const int err = errno;
+        (void)!::write(report[1], &err, sizeof err);
+        ::_exit(127);
+    }
+    ::close(report[1]);
+    if (pid < 0) {
+        error_line(std::string("cannot start ") + command[0] + ": " + std::strerror(errno));
+        ::close(report[0]);
+        return -1;
+    }
+    int err = 0;
+    ssize_t got;
+    while ((got = ::read(report[0], &err, sizeof err)) < 0 && errno == EINTR) {
+    }
+    ::close(report[0]);
+    if (got == ssize_t(sizeof err)) {
+        while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+        }
+        error_line("cannot run " + command[0] + ": " + std::strerror(err));
+        return -1;
+    }
+    return pid;
+}
+
+}  // namespace
+
+int run_command(const std::vector<std::string>& args) {
+    std::string named;
+    size_t i = 0;
+    bool bad = false;
+    if (args.size() >= 2 && args[0] == "-o") {
+        named = args[1];
+        bad = named.empty();
+        i = 2;
+    }
+    const bool dashes = i < args.size() && args[i] == "--";
+    if (dashes) ++i;
+    if (bad || i >= args.size() || (!dashes && args[i][0] == '-')) {
+        error_line("usage: ryl run [-o DIR] -- PROGRAM [ARGS]");
+        return exit_usage;
+    }
+    const std::vector<std::string> command(args.begin() + long(i), args.end());
+    std::string library, dir;
+    if (!find_library(library) || !make_run_directory(named, dir)) return exit_error;
+    error_line("tracing " + command[0] + " into " + dir);
+
+    // Like system(): an interrupt from the terminal stops the program, and
+    // ryl stays to summarise what it recorded.
+    struct sigaction ignore = {}, old_int, old_quit;
+    ignore.sa_handler = SIG_IGN;
+    ::sigaction(SIGINT, &ignore, &old_int);
+    ::sigaction(SIGQUIT, &ignore, &old_quit);
+    const pid_t pid = start(command, library, dir, old_int, old_quit);
+    int status = 0;
+    if (pid > 0)
+        while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
+    ::sigaction(SIGINT, &old_int, nullptr);
+    ::sigaction(SIGQUIT, &old_quit, nullptr);
+    if (pid < 0) return 127;
+
+    int program_status = 0;
+    if (WIFEXITED(status)) {
+        program_status = WEXITSTATUS(status);
+        if (program_status) error_line(command[0] + " exited with status " + std::to_string(program_status));
+    } else if (WIFSIGNALED(status)) {
+        program_status = 128 + WTERMSIG(status);
+        error_line(command[0] + " was killed by signal " + std::to_string(WTERMSIG(status)) + " (" +
+                   strsignal(WTERMSIG(status)) + ")");
+    }
+    const int summary = print_summary(dir);
+    return summary != exit_ok ? summary : program_status;
+}
+
+}  // namespace ryl

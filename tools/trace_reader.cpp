@@ -1,0 +1,511 @@
+// Streaming reader of trace files. Tags go through xml::tokenizer; field
+// contents are taken byte by byte from the tokenizer's look-ahead, because a
+// text field holds its string unescaped ("<", "&", line feeds and all).
+#include "trace_reader.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace ryl {
+
+const record_kind record_kinds[kind_count] = {
+    {"definition", "BBTBB", false},
+    {"api_version", "BT", false},
+    {"domain_createA", "NBT", true},
+    {"domain_createW", "NBT", false},
+    {"id_create", "NC", true},
+    {"id_destroy", "NC", true},
+    {"metadata", "NCNBNN", true},
+    {"metadata_stringA", "NCNNT", true},
+    {"metadata_stringW", "NCNNT", false},
+    {"relation", "NCBC", true},
+    {"string_handle_createA", "NBT", true},
+    {"string_handle_createW", "NBT", false},
+    {"task_begin", "NCCNN", true},
+    {"task_end", "N", true},
+    {"task_group", "NCCN", true},
+    {"region_begin", "NCCN", true},
+    {"region_end", "NC", true},
+    {"task_begin_async", "NCCNN", true},
+    {"task_end_async", "NC", true},
+    {"end_of_records", "", true},
+};
+
+int kind_of(const char* name, size_t size) {
+    for (int k = 0; k < kind_count; ++k)
+        if (std::strlen(record_kinds[k].name) == size && std::memcmp(record_kinds[k].name, name, size) == 0)
+            return k;
+    return -1;
+}
+
+// ---------------------------------------------------------------- input
+
+namespace {
+constexpr size_t block_size = 1 << 16;
+}
+
+trace_input::trace_input(int descriptor) : xml::tokenizer(nullptr), fd(descriptor), buffer(2 * block_size) {}
+
+trace_input::~trace_input() {
+    if (fd >= 0) ::close(fd);
+}
+
+namespace {
+
+// Reads until at least need unread bytes are buffered or the file ends.
+bool fill(trace_input& in, size_t need) {
+    if (in.pos > 0 && in.len - in.pos < need) {
+        std::memmove(in.buffer.data(), in.buffer.data() + in.pos, in.len - in.pos);
+        in.len -= in.pos;
+        in.pos = 0;
+    }
+    while (in.len - in.pos < need && !in.eof) {
+        if (in.buffer.size() - in.len < block_size) in.buffer.resize(in.len + block_size);
+        ssize_t got = ::read(in.fd, in.buffer.data() + in.len, in.buffer.size() - in.len);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) in.read_error = errno;
+        if (got <= 0) {
+            in.eof = true;  // later growth of the file is not read
+            break;
+        }
+        in.len += size_t(got);
+    }
+    return in.len - in.pos >= need;
+}
+
+}  // namespace
+
+int trace_input::getc() {
+    ++calls;
+    if (pos == len && !fill(*this, 1)) return -1;
+    const unsigned char b = buffer[pos++];
+    ++delivered;
+    if (b == '\n') {
+        ++line_feeds;
+    } else if (b == 0) {
+        if (zero_run++ == 0) zero_run_start = delivered - 1;
+        return b;
+    }
+    if (zero_run) {
+        if (!inner_zeros) inner_zeros_offset = zero_run_start;
+        inner_zeros = true;
+        zero_run = 0;
+    }
+    return b;
+}
+
+namespace {
+
+// The tokenizer's three slots were filled by the last three getc calls, the
+// after-next slot by the last one (steady state after the first token).
+// Slot 0 current, 1 next, 2 after-next: true when it holds the end of input.
+bool slot_at_end(const trace_input& in, int slot) {
+    const int64_t filled_by = int64_t(in.calls) - 3 + slot;
+    return filled_by < 0 || uint64_t(filled_by) >= in.delivered;
+}
+
+// Byte i of the input ahead of the current slot (0 is the next slot), or -1
+// past the end.
+int peek(trace_input& in, size_t i) {
+    if (i == 0) return slot_at_end(in, 1) ? -1 : static_cast<unsigned char>(in.next);
+    if (i == 1) return slot_at_end(in, 2) ? -1 : static_cast<unsigned char>(in.after_next);
+    const size_t k = i - 2;
+    if (in.pos + k >= in.len && !fill(in, k + 1)) return -1;
+    return in.buffer[in.pos + k];
+}
+
+// Takes one byte into the current slot, as the tokenizer does.
+inline void shift(trace_input& in) {
+    in.current = in.next;
+    in.next = in.after_next;
+    in.after_next = static_cast<char>(in.getc());
+}
+
+// Line of the current slot, counting from 1.
+uint64_t current_line(const trace_input& in) {
+    uint64_t lf = in.line_feeds;
+    for (int slot = 0; slot < 3; ++slot) {
+        const char c = slot == 0 ? in.current : slot == 1 ? in.next : in.after_next;
+        if (c == '\n' && !slot_at_end(in, slot)) --lf;
+    }
+    return lf + 1;
+}
+
+std::string printable(const char* text, size_t size) {
+    std::string out;
+    for (size_t i = 0; i < size && out.size() < 40; ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if (c >= 32 && c < 127) {
+            out += char(c);
+        } else {
+            char hex[8];
+            std::snprintf(hex, sizeof hex, "\\x%02x", c);
+            out += hex;
+        }
+    }
+    if (size > 40) out += "...";
+    return out;
+}
+
+// ---------------------------------------------------------------- outcomes
+
+std::string record_label(int kind, uint64_t index, uint64_t line) {
+    std::string s = "record " + std::to_string(index) + " (";
+    if (kind >= 0) s += std::string(record_kinds[kind].name) + ", ";
+    return s + "line " + std::to_string(line) + ")";
+}
+
+std::string zero_note(const trace_input& in) {
+    if (!in.inner_zeros) return "";
+    return " (zero bytes inside the file from byte offset " + std::to_string(in.inner_zeros_offset) + ")";
+}
+
+read_status set_malformed(trace_file& f, const std::string& what) {
+    std::string where = "line " + std::to_string(current_line(*f.in)) + ": ";
+    if (f.open_line) {
+        where += "record " + std::to_string(f.records + 1);
+        if (f.open_kind >= 0) where += std::string(" (") + record_kinds[f.open_kind].name + ")";
+        where += ": ";
+    }
+    f.problem = where + what + zero_note(*f.in);
+    return f.status = read_status::malformed;
+}
+
+read_status set_cut_short(trace_file& f) {
+    const trace_input& in = *f.in;
+    const std::string tail = in.zero_run ? ", followed by " + std::to_string(in.zero_run) + " zero bytes" : "";
+    const std::string finish = "the end_of_records record and \"</trace>\"";
+    std::string text;
+    if (!f.header_read) {
+        if (in.delivered == 0)
+            text = "the file is empty";
+        else if (in.zero_run == in.delivered)
+            text = "the file holds only " + std::to_string(in.zero_run) + " zero bytes";
+        else
+            text = "the file ends inside its header" + tail;
+        text += std::string("; missing: ") + (in.delivered > in.zero_run ? "the rest of " : "") + "the header, " + finish;
+    } else if (f.end_record_read) {
+        text = "the file ends after the end_of_records record, " + record_label(f.last_kind, f.records, f.last_line) +
+               tail + "; missing: \"</trace>\"";
+    } else {
+        text = f.records ? "last complete record is " + record_label(f.last_kind, f.records, f.last_line)
+                         : std::string("no complete record");
+        if (!f.open_line) {
+            text += "; the file ends after it" + tail + "; missing: " + finish;
+        } else {
+            text += "; the file ends inside " + record_label(f.open_kind, f.records + 1, f.open_line);
+            const int own = f.open_fields - 2;
+            if (f.open_fields == 0)
+                text += " before its name is complete";
+            else if (f.open_fields == 1)
+                text += " after its name";
+            else if (own == 0)
+                text += " after its timestamp";
+            else
+                text += " after its timestamp and " + std::to_string(own) + " of its " +
+                        std::to_string(std::strlen(record_kinds[f.open_kind].shape)) + " further fields";
+            text += tail + "; missing: ";
+            if (f.open_kind == kind_end_of_records)
+                text += "the rest of the end_of_records record and \"</trace>\"";
+            else
+                text += "the rest of record " + std::to_string(f.records + 1) + ", " + finish;
+        }
+    }
+    f.problem = "cut short: " + text;
+    return f.status = read_status::cut_short;
+}
+
+// A token of -1: the end of the file, a construct cut off by it ("?" or "/"
+// as the last byte), or a construct the tokenizer refuses.
+read_status at_minus_one(trace_file& f, const char* expected) {
+    trace_input& in = *f.in;
+    if (!slot_at_end(in, 0))
+        while (peek(in, 0) == 0) shift(in);  // a zero-filled tail after the construct
+    if (slot_at_end(in, 0) || slot_at_end(in, 1)) {
+        if (f.in->read_error) {
+            f.problem = std::string("read error: ") + std::strerror(f.in->read_error);
+            return f.status = read_status::failed;
+        }
+        return set_cut_short(f);
+    }
+    return set_malformed(f, std::string("expected ") + expected + ", found bytes that are not XML");
+}
+
+int token(trace_file& f) { return f.in->next_token(f.token, sizeof f.token); }
+
+// What a token of kind t is, for messages; reads the tag name after "<" or "</".
+std::string describe(trace_file& f, int t) {
+    switch (t) {
+    case -1: return "bytes that are not XML";
+    case 34: return "a quoted string";
+    case 61: return "\"=\"";
+    case 62: return "\">\"";
+    case 69: return "\"/>\"";
+    case 88: return "\"?>\"";
+    case 99: return "a comment";
+    case 120: return "\"<?\"";
+    case 98:
+    case 101: {
+        std::string tag = t == 98 ? "<" : "</";
+        if (token(f) == 110) tag += printable(f.token, std::strlen(f.token));
+        return "\"" + tag + "\"";
+    }
+    default: return "\"" + printable(f.token, std::strlen(f.token)) + "\"";
+    }
+}
+
+// True when nothing but whitespace follows: a wrong token there is the
+// beginning of the right one, cut off.
+bool nothing_follows(trace_file& f) { return token(f) == -1 && slot_at_end(*f.in, 0); }
+
+bool is_prefix(const char* part, const char* whole) {
+    const size_t n = std::strlen(part);
+    return n < std::strlen(whole) && std::strncmp(part, whole, n) == 0;
+}
+
+// Reads a token that must be of kind t (and, for a name, have the given text).
+bool expect(trace_file& f, int t, const char* name, const char* expected) {
+    const int got = token(f);
+    if (got == t && (t != 110 || std::strcmp(f.token, name) == 0)) return true;
+    if (got == -1) {
+        at_minus_one(f, expected);
+    } else if (((got == 110 && t == 110 && is_prefix(f.token, name)) || (got == 98 && (t == 101 || t == 120))) &&
+               nothing_follows(f)) {
+        // The beginning of the expected token, and the file ends there.
+        set_cut_short(f);
+    } else {
+        set_malformed(f, std::string("expected ") + expected + ", found " + describe(f, got));
+    }
+    return false;
+}
+
+// "<name>" and "</name>".
+bool open_tag(trace_file& f, const char* name, const char* expected) {
+    return expect(f, 98, "", expected) && expect(f, 110, name, expected) && expect(f, 62, "", expected);
+}
+bool close_tag(trace_file& f, const char* name, const char* expected) {
+    return expect(f, 101, "", expected) && expect(f, 110, name, expected) && expect(f, 62, "", expected);
+}
+
+// Content of a field that cannot hold "<": bytes up to the next "<", the end
+// of the file or a zero byte. False when more than size - 1 bytes come.
+bool plain_content(trace_input& in, char* buf, size_t size, size_t& n) {
+    n = 0;
+    for (;;) {
+        const int c = peek(in, 0);
+        if (c == '<' || c <= 0) return true;
+        if (n + 1 >= size) return false;
+        buf[n++] = char(c);
+        shift(in);
+    }
+}
+
+bool parse_number(const char* text, size_t n, uint64_t& value) {
+    if (n == 0 || n > 20 || (n > 1 && text[0] == '0')) return false;
+    value = 0;
+    for (size_t i = 0; i < n; ++i) {
+        if (text[i] < '0' || text[i] > '9') return false;
+        const uint64_t digit = uint64_t(text[i] - '0');
+        if (value > (UINT64_MAX - digit) / 10) return false;
+        value = value * 10 + digit;
+    }
+    return true;
+}
+
+// The content of a field stopped at the end of the file or at a zero byte:
+// the file is cut short there, unless more follows the zero bytes.
+bool cut_inside(trace_file& f, const std::string& what) {
+    if (close_tag(f, "field", "</field>")) set_malformed(f, "zero bytes inside " + what);
+    return false;
+}
+
+// "<field>" number "</field>"; what names the field in messages.
+bool number_field(trace_file& f, uint64_t& value, uint64_t max, const std::string& what) {
+    const std::string expected = "<field> with " + what;
+    if (!open_tag(f, "field", expected.c_str())) return false;
+    char text[32];
+    size_t n = 0;
+    const bool fits = plain_content(*f.in, text, sizeof text, n);
+    if (fits && peek(*f.in, 0) != '<') return cut_inside(f, what);
+    if (!fits || !parse_number(text, n, value) || value > max) {
+        set_malformed(f, what + " is not a number" + (max == 255 ? " from 0 to 255" : "") + ": \"" +
+                             printable(text, n) + (fits ? "\"" : "...\""));
+        return false;
+    }
+    return close_tag(f, "field", "</field>");
+}
+
+bool id_field(trace_file& f, id3& id, const std::string& what) {
+    if (!open_tag(f, "compound_field", ("<compound_field> with " + what).c_str())) return false;
+    return number_field(f, id.a, UINT64_MAX, what + " word 1") && number_field(f, id.b, UINT64_MAX, what + " word 2") &&
+           number_field(f, id.c, UINT64_MAX, what + " word 3") && close_tag(f, "compound_field", "</compound_field>");
+}
+
+// Whether "</field>\n</record>" followed by a line feed (or the end of what
+// was written) starts at the next slot.
+bool at_text_end(trace_input& in) {
+    static const char closing[] = "</field>\n</record>";
+    for (size_t i = 0; i < sizeof closing - 1; ++i)
+        if (peek(in, i) != static_cast<unsigned char>(closing[i])) return false;
+    const int after = peek(in, sizeof closing - 1);
+    return after == '\n' || after <= 0;
+}
+
+// A text field is the last field of its record and written unescaped, so its
+// text runs up to "</field>\n</record>". A domain or string-handle name may
+// hold that sequence too; its recorded length (at most 1000, low 8 bits)
+// picks the place where it ends.
+bool text_field(trace_file& f, field& out, const record& rec, int kind, const std::string& what) {
+    if (!open_tag(f, "field", ("<field> with " + what).c_str())) return false;
+    trace_input& in = *f.in;
+    const bool has_length = kind == kind_domain_createA || kind == kind_string_handle_createA;
+    const uint64_t length = rec.fields[1].number;
+    out.text.clear();
+    out.text_size = 0;
+    for (;;) {
+        const int c = peek(in, 0);
+        if (c <= 0) return cut_inside(f, what);  // the end of the file or of what was written
+        if (c == '<' && at_text_end(in) &&
+            (!has_length || ((out.text_size < 1000 ? out.text_size : 1000) & 0xff) == length))
+            break;
+        if (out.text.size() < max_text) out.text.push_back(char(c));
+        ++out.text_size;
+        shift(in);
+    }
+    return close_tag(f, "field", "</field>");
+}
+
+const char* field_word(int i) {
+    static const char* const words[] = {"first", "second", "third", "fourth", "fifth", "sixth"};
+    return words[i];
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- reading
+
+bool open_trace(trace_file& f, const std::string& path) {
+    f = trace_file();
+    f.path = path;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        f.problem = std::strerror(errno);
+        f.status = read_status::failed;
+        return false;
+    }
+    f.in.reset(new trace_input(fd));
+    const char* const decl = "the declaration <?xml version=\"1.0\"?>";
+    const int first = token(f);
+    if (first != 120) {
+        if (first == -1 && slot_at_end(*f.in, 0) && (f.in->read_error || f.in->delivered == f.in->zero_run)) {
+            at_minus_one(f, decl);  // empty, or zero bytes only
+        } else if (first == 98 && nothing_follows(f)) {
+            set_cut_short(f);  // "<" alone
+        } else if (first == -1) {
+            at_minus_one(f, decl);
+        } else {
+            set_malformed(f, "it does not begin with <?xml version=\"1.0\"?>");
+        }
+        return false;
+    }
+    if (!expect(f, 110, "xml", decl) || !expect(f, 110, "version", decl) || !expect(f, 61, "", decl) ||
+        !expect(f, 34, "", decl))
+        return false;
+    if (std::strcmp(f.token, "1.0") != 0) {
+        set_malformed(f, "XML version \"" + printable(f.token, std::strlen(f.token)) + "\"");
+        return false;
+    }
+    if (!expect(f, 88, "", decl)) return false;
+    const char* const head = "<trace version=\"0\" ts_frequency=\"1000000000\" hardware_concurrency=\"N\">";
+    if (!expect(f, 98, "", head) || !expect(f, 110, "trace", head)) return false;
+    // The three attributes, in this order.
+    static const char* const names[] = {"version", "ts_frequency", "hardware_concurrency"};
+    for (const char* name : names) {
+        if (!expect(f, 110, name, head) || !expect(f, 61, "", head) || !expect(f, 34, "", head)) return false;
+        uint64_t value = 0;
+        if (!parse_number(f.token, std::strlen(f.token), value) ||
+            (name == names[0] && value != 0) || (name == names[1] && value != 1000000000)) {
+            set_malformed(f, std::string("unsupported header attribute ") + name + "=\"" +
+                                 printable(f.token, std::strlen(f.token)) + "\"");
+            return false;
+        }
+        f.hardware_concurrency = value;
+    }
+    if (!expect(f, 62, "", head)) return false;
+    f.header_read = true;
+    return true;
+}
+
+read_status next_record(trace_file& f, record& rec) {
+    if (f.status != read_status::record) return f.status;
+    const char* const next = "<record> or </trace>";
+    const int t = token(f);
+    if (t == -1) return at_minus_one(f, next);
+    if (t == 101) {
+        if (!expect(f, 110, "trace", next) || !expect(f, 62, "", next)) return f.status;
+        if (!f.end_record_read) return set_malformed(f, "\"</trace>\" before the end_of_records record");
+        const int after = token(f);
+        if (after == -1 && slot_at_end(*f.in, 0)) return f.status = read_status::finished;
+        return set_malformed(f, "more after \"</trace>\": " + describe(f, after));
+    }
+    if (t != 98) return set_malformed(f, std::string("expected ") + next + ", found " + describe(f, t));
+    if (f.end_record_read) {
+        if (nothing_follows(f)) return set_cut_short(f);  // "<" of "</trace>"
+        return set_malformed(f, "a record after the end_of_records record");
+    }
+    f.open_line = current_line(*f.in);
+    f.open_kind = -1;
+    f.open_fields = 0;
+    if (!expect(f, 110, "record", next) || !expect(f, 62, "", next)) return f.status;
+
+    // The record's name.
+    if (!open_tag(f, "field", "<field> with the record's name")) return f.status;
+    char name[64];
+    size_t n = 0;
+    const bool fits = plain_content(*f.in, name, sizeof name, n);
+    if (fits && peek(*f.in, 0) != '<') return cut_inside(f, "the record's name"), f.status;
+    const int kind = fits ? kind_of(name, n) : -1;
+    if (kind < 0) return set_malformed(f, "unknown record kind \"" + printable(name, n) + (fits ? "\"" : "...\""));
+    if (!record_kinds[kind].written)
+        return set_malformed(f, std::string("record kind \"") + record_kinds[kind].name +
+                                    "\" is never written by the collector");
+    if (!close_tag(f, "field", "</field>")) return f.status;
+    f.open_kind = kind;
+    f.open_fields = 1;
+
+    rec.kind = kind;
+    if (!number_field(f, rec.timestamp, UINT64_MAX, "the timestamp")) return f.status;
+    f.open_fields = 2;
+    const char* shape = record_kinds[kind].shape;
+    for (int i = 0; shape[i]; ++i) {
+        const std::string what = std::string("the ") + field_word(i) + " field after the timestamp";
+        field& fl = rec.fields[i];
+        bool ok = false;
+        switch (shape[i]) {
+        case 'N': ok = number_field(f, fl.number, UINT64_MAX, what); break;
+        case 'B': ok = number_field(f, fl.number, 255, what); break;
+        case 'C': ok = id_field(f, fl.id, what); break;
+        case 'T': ok = text_field(f, fl, rec, kind, what); break;
+        }
+        if (!ok) return f.status;
+        ++f.open_fields;
+    }
+    if (!close_tag(f, "record", "</record>")) return f.status;
+    rec.index = ++f.records;
+    rec.line = f.open_line;
+    f.last_kind = kind;
+    f.last_line = f.open_line;
+    f.open_line = 0;
+    f.open_kind = -1;
+    if (kind == kind_end_of_records) f.end_record_read = true;
+    return read_status::record;
+}
+
+uint64_t trailing_zero_bytes(const trace_file& f) {
+    return f.in && f.in->eof && f.in->pos == f.in->len ? f.in->zero_run : 0;
+}
+
+}  // namespace ryl
