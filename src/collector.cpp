@@ -91,19 +91,24 @@ void after_fork_in_child() {
 
 }  // namespace
 
+// The flag is up from before the lock is taken until after it is released:
+// a signal arriving in between then gives up rather than wait for a mutex
+// its own thread may hold.
 collector_lock::collector_lock(ryl_collector* collector) : mutex(&collector->mutex) {
     if (holding_collector_mutex) {
         mutex = nullptr;
         return;
     }
-    mutex->lock();
     holding_collector_mutex = true;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    mutex->lock();
 }
 
 collector_lock::~collector_lock() {
     if (!mutex) return;
-    holding_collector_mutex = false;
     mutex->unlock();
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    holding_collector_mutex = false;
 }
 
 ryl_collector::ryl_collector() {
@@ -260,6 +265,11 @@ trace_writer* ryl_collector::assign_writer(trace_writer_wrapper* wrapper) {
     writer->in_record = &wrapper->in_record;
     wrapper->thread_writer.store(writer, std::memory_order_release);
     return writer;
+}
+
+bool thread_in_record() {
+    ryl_collector::trace_writer_wrapper* wrapper = current_wrapper;
+    return wrapper && wrapper->in_record.load(std::memory_order_relaxed);
 }
 
 trace_writer* begin_record(__zop_record_t kind) {

@@ -70,6 +70,10 @@ struct collector_lock {
 // The process-wide collector.
 RYL_EXPORT ryl_collector* get_ftc();
 
+// True while the calling thread is writing a record (a signal handler that
+// interrupted it there must not wait for any lock of the library).
+bool thread_in_record();
+
 // Opens a record of `kind` on the calling thread's writer and returns the
 // writer, or null when no record can be written (the event is dropped). The
 // caller writes the kind's fields and ends with end_record().

@@ -58,7 +58,9 @@ void free_handle(Handle* h) {
 template <typename Handle>
 Handle* create_handle(std::unordered_map<std::string, Handle*>& registry, const char* name,
                       __zop_record_t kind) {
-    if (!name) return nullptr;
+    // A call from inside a record of this thread (a signal handler) is dropped
+    // whole: it must not wait for the collector mutex.
+    if (!name || writer::thread_in_record()) return nullptr;
     Handle* handle = nullptr;
     no_throw([&] {
         writer::ryl_collector* collector = writer::get_ftc();

@@ -10,6 +10,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -88,10 +90,21 @@ void apply_env(const std::vector<std::pair<std::string, std::string>>& set_env,
     for (const auto& kv : set_env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
 }
 
-child_result collect(pid_t pid, const std::string& out_path, const std::string& err_path) {
+// Waits for the child; one that outlives its own alarm (a sanitizer may hold
+// the signal back) is killed, so a hang fails the test instead of the run.
+child_result collect(pid_t pid, const std::string& out_path, const std::string& err_path, int timeout_seconds) {
     child_result result;
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_seconds + 10);
+    for (;;) {
+        pid_t done = waitpid(pid, &status, WNOHANG);
+        if (done == pid || (done < 0 && errno != EINTR)) break;
+        if (std::chrono::steady_clock::now() > deadline) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     result.status = decode_status(status);
     result.out = read_file(out_path);
@@ -133,10 +146,13 @@ started_child start_child(const child_options& options, const std::function<void
         exit(0);
     }
     child.pid = pid;
+    child.timeout_seconds = options.timeout_seconds;
     return child;
 }
 
-child_result wait_child(const started_child& child) { return collect(child.pid, child.out_path, child.err_path); }
+child_result wait_child(const started_child& child) {
+    return collect(child.pid, child.out_path, child.err_path, child.timeout_seconds);
+}
 
 child_result run_in_child(const child_options& options, const std::function<void(zop_api&)>& body) {
     return wait_child(start_child(options, body));
@@ -163,7 +179,7 @@ child_result run_program(const std::vector<std::string>& argv,
         fprintf(stderr, "exec %s: %s\n", args[0], strerror(errno));
         _exit(127);
     }
-    return collect(pid, out_path, err_path);
+    return collect(pid, out_path, err_path, timeout_seconds);
 }
 
 temp_dir::temp_dir() {

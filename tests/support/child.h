@@ -58,6 +58,7 @@ child_result run_in_child(const child_options& options, const std::function<void
 // The same in two steps, for children that run side by side or are killed.
 struct started_child {
     int pid = -1;
+    int timeout_seconds = 60;
     std::string out_path, err_path;
 };
 started_child start_child(const child_options& options, const std::function<void(zop_api&)>& body);
