@@ -13,8 +13,9 @@ namespace writer {
 class ryl_collector {
 public:
     // The per-thread holder of a thread's writer. Never freed: a thread may
-    // still reach it after the collector is gone.
-    struct trace_writer_wrapper {
+    // still reach it after the collector is gone. A cache line of its own, so
+    // that threads setting their flags do not slow each other down.
+    struct alignas(64) trace_writer_wrapper {
         virtual ~trace_writer_wrapper() {}
         std::atomic<ryl_collector*> collector{nullptr};     // null once the collector is destroyed
         std::atomic<trace_writer*> thread_writer{nullptr};  // null until the thread's first record

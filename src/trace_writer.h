@@ -26,7 +26,8 @@ extern const record_description record_descriptions[20];
 // a shared mapping of the file.
 enum class write_mode { stream, mapped };
 
-class trace_writer {
+// On cache lines of its own: each thread writes its own writer's fields.
+class alignas(64) trace_writer {
 public:
     // Creates "<directory>/_ryl.<number>" (emptying a file of that name) and
     // writes the header. A file that cannot be created diverts the writer's
