@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <charconv>
+#include <cstdint>
 #include <cstring>
 #include <thread>
 
@@ -71,6 +72,23 @@ bool write_all(int fd, iovec* parts, int count) {
         }
     }
     return true;
+}
+
+// Copies into a mapped file strictly front to back, eight bytes at a time,
+// so that a process killed in the middle leaves a prefix of the text and
+// never later bytes behind a gap (number formatting, for one, fills its
+// digits from the back).
+void copy_in_order(char* to, const char* from, size_t size) {
+    for (; size >= 8; size -= 8, to += 8, from += 8) {
+        uint64_t word;
+        memcpy(&word, from, 8);
+        memcpy(to, &word, 8);
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+    }
+    for (; size > 0; --size) {
+        *to++ = *from++;
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+    }
 }
 
 // Appends text to a fixed buffer; returns the new end.
@@ -199,7 +217,7 @@ void trace_writer::write_mapped(iovec* parts, int count) {
                 continue;
             }
             size_t n = size < room ? size : room;
-            memcpy(chunk + (length - chunk_offset), text, n);
+            copy_in_order(chunk + (length - chunk_offset), text, n);
             length += n;
             text += n;
             size -= n;
@@ -266,18 +284,19 @@ void trace_writer::emit_span(const iovec* parts, int count) {
 }
 
 // Writes one lock span of at most MaxSize bytes made by format(out), which
-// returns the end of what it wrote. A mapped file with room takes the text
-// in place; otherwise it is formatted on the stack and emitted.
+// returns the end of what it wrote. It is formatted on the stack; a mapped
+// file with room takes it directly, anything else goes through emit.
 template <size_t MaxSize, typename F>
 void format_span(trace_writer& w, F&& format) {
+    char buf[MaxSize];
+    size_t size = size_t(format(buf) - buf);
     std::lock_guard<std::mutex> lock(w.mutex);
-    if (w.target == trace_writer::target_state::mapped && w.chunk_offset + chunk_size - w.length >= MaxSize) {
-        char* out = w.chunk + (w.length - w.chunk_offset);
-        w.length += size_t(format(out) - out);
+    if (w.target == trace_writer::target_state::mapped && w.chunk_offset + chunk_size - w.length >= size) {
+        copy_in_order(w.chunk + (w.length - w.chunk_offset), buf, size);
+        w.length += size;
         return;
     }
-    char buf[MaxSize];
-    iovec span = piece(buf, size_t(format(buf) - buf));
+    iovec span = piece(buf, size);
     w.emit(&span, 1);
 }
 

@@ -75,7 +75,8 @@ TEST(killed_process, files_hold_every_returned_record) {
             std::string text = read_file(dir.path + "/_ryl.0");
             size_t content = text.find('\0');
             if (content == std::string::npos) content = text.size();
-            EXPECT_EQ(text.find_first_not_of('\0', content), std::string::npos) << mode << ": data after zeros";
+            EXPECT_EQ(text.find_first_not_of('\0', content), std::string::npos)
+                << mode << ": data after zeros at " << content << " of " << text.size();
             // Keep whole lines: the last one may have been cut by the kill.
             std::string whole = text.substr(0, text.rfind('\n', content - 1) + 1);
             parsed_trace trace = parse_trace(whole);
