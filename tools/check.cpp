@@ -19,6 +19,11 @@ int check_command(const std::vector<std::string>& args) {
             while (next_record(f, rec) == read_status::record) {
             }
         std::string line = p.path + ": ";
+        if (f.status == read_status::finished && f.in->inner_zeros) {
+            // Every record is complete, yet the file has a hole.
+            f.status = read_status::malformed;
+            f.problem = "zero bytes inside the file from byte offset " + std::to_string(f.in->inner_zeros_offset);
+        }
         switch (f.status) {
         case read_status::finished: {
             ++ok;
@@ -37,8 +42,8 @@ int check_command(const std::vector<std::string>& args) {
             break;
         default:
             ++failed;
-            line += "cannot read: " + f.problem;
-            break;
+            error_line(p.path + ": " + f.problem);
+            continue;
         }
         std::printf("%s\n", line.c_str());
     }

@@ -194,7 +194,7 @@ read_status set_cut_short(trace_file& f) {
         text = f.records ? "last complete record is " + record_label(f.last_kind, f.records, f.last_line)
                          : std::string("no complete record");
         if (!f.open_line) {
-            text += "; the file ends after it" + tail + "; missing: " + finish;
+            text += std::string("; the file ends after ") + (f.records ? "it" : "its header") + tail + "; missing: " + finish;
         } else {
             text += "; the file ends inside " + record_label(f.open_kind, f.records + 1, f.open_line);
             const int own = f.open_fields - 2;
@@ -267,18 +267,26 @@ bool is_prefix(const char* part, const char* whole) {
 }
 
 // Reads a token that must be of kind t (and, for a name, have the given text).
+// When the file ends right after the beginning of that token, it is cut short.
 bool expect(trace_file& f, int t, const char* name, const char* expected) {
     const int got = token(f);
     if (got == t && (t != 110 || std::strcmp(f.token, name) == 0)) return true;
     if (got == -1) {
         at_minus_one(f, expected);
-    } else if (((got == 110 && t == 110 && is_prefix(f.token, name)) || (got == 98 && (t == 101 || t == 120))) &&
-               nothing_follows(f)) {
-        // The beginning of the expected token, and the file ends there.
-        set_cut_short(f);
-    } else {
-        set_malformed(f, std::string("expected ") + expected + ", found " + describe(f, got));
+        return false;
     }
+    std::string found;
+    if (got == 98 && (t == 101 || t == 120)) {  // "<", and "/" or "?" may be missing
+        const int after = token(f);
+        if (after == -1 && slot_at_end(*f.in, 0)) return set_cut_short(f), false;
+        found = "\"<" + (after == 110 ? printable(f.token, std::strlen(f.token)) : std::string()) + "\"";
+    } else if (got == 110 && t == 110 && is_prefix(f.token, name)) {  // a name cut off
+        found = describe(f, got);
+        if (nothing_follows(f)) return set_cut_short(f), false;
+    } else {
+        found = describe(f, got);
+    }
+    set_malformed(f, std::string("expected ") + expected + ", found " + found);
     return false;
 }
 
@@ -344,20 +352,46 @@ bool id_field(trace_file& f, id3& id, const std::string& what) {
            number_field(f, id.c, UINT64_MAX, what + " word 3") && close_tag(f, "compound_field", "</compound_field>");
 }
 
-// Whether "</field>\n</record>" followed by a line feed (or the end of what
-// was written) starts at the next slot.
+// Compares the input from peek index at with text: 1 when it matches (at is
+// moved past it), 0 when it differs, 2 when what was written ends first.
+int match(trace_input& in, size_t& at, const char* text) {
+    for (; *text; ++text, ++at) {
+        const int c = peek(in, at);
+        if (c <= 0) return 2;
+        if (c != static_cast<unsigned char>(*text)) return 0;
+    }
+    return 1;
+}
+
+// Whether the end of a text field, "</field>\n</record>\n", starts at the
+// next slot and what comes after it can follow a record: the end of what was
+// written, "</trace>", or the first lines of a record of a kind the collector
+// writes. The file may end anywhere on the way.
 bool at_text_end(trace_input& in) {
-    static const char closing[] = "</field>\n</record>";
-    for (size_t i = 0; i < sizeof closing - 1; ++i)
-        if (peek(in, i) != static_cast<unsigned char>(closing[i])) return false;
-    const int after = peek(in, sizeof closing - 1);
-    return after == '\n' || after <= 0;
+    size_t at = 0;
+    int m = match(in, at, "</field>\n</record>\n");
+    if (m != 1) return m == 2 && at >= 18;  // cut after "</record>"
+    if (peek(in, at) <= 0) return true;
+    size_t trace_at = at;
+    if (match(in, trace_at, "</trace>") != 0) return true;
+    m = match(in, at, "<record>\n<field>");
+    if (m != 1) return m == 2;
+    char name[32];
+    size_t n = 0;
+    for (int c; (c = peek(in, at)) != '<'; ++at) {
+        if (c <= 0) return true;
+        if (n == sizeof name) return false;
+        name[n++] = char(c);
+    }
+    const int kind = kind_of(name, n);
+    return kind >= 0 && record_kinds[kind].written;
 }
 
 // A text field is the last field of its record and written unescaped, so its
-// text runs up to "</field>\n</record>". A domain or string-handle name may
-// hold that sequence too; its recorded length (at most 1000, low 8 bits)
-// picks the place where it ends.
+// text runs up to "</field>\n</record>\n" followed by what can follow a
+// record. A domain or string-handle name must also have its recorded length
+// (at most 1000, low 8 bits) there; the length of a metadata text is as the
+// caller gave it and says nothing.
 bool text_field(trace_file& f, field& out, const record& rec, int kind, const std::string& what) {
     if (!open_tag(f, "field", ("<field> with " + what).c_str())) return false;
     trace_input& in = *f.in;

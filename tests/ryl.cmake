@@ -1,0 +1,25 @@
+# The ryl tool: run directories written by hand and by the library, checked,
+# summarised, turned into JSON and DOT; ryl run on the example programs. ryl
+# run preloads the library into programs built without sanitizers, so its
+# tests stay out of the sanitizer builds (label no_sanitizer).
+if(TARGET ryl)
+  find_package(nlohmann_json 3 REQUIRED)
+  ryl_add_test(ryl_read_test ryl_read_test.cpp LABELS ryl LIBS nlohmann_json::nlohmann_json)
+  ryl_add_test(ryl_run_test ryl_run_test.cpp LABELS ryl no_sanitizer LIBS nlohmann_json::nlohmann_json)
+  foreach(_t ryl_read_test ryl_run_test)
+    target_compile_definitions(${_t} PRIVATE RYL_TOOL="$<TARGET_FILE:ryl>")
+    add_dependencies(${_t} ryl)
+  endforeach()
+  if(TARGET threads_example)
+    target_compile_definitions(ryl_run_test PRIVATE RYL_THREADS_EXAMPLE="$<TARGET_FILE:threads_example>")
+    add_dependencies(ryl_run_test threads_example)
+  endif()
+  if(NOT TARGET omp_example)
+    include(${PROJECT_SOURCE_DIR}/examples/omp.cmake)
+  endif()
+  get_property(_ryl_omp_example GLOBAL PROPERTY RYL_OMP_EXAMPLE)
+  if(_ryl_omp_example)
+    target_compile_definitions(ryl_run_test PRIVATE RYL_OMP_EXAMPLE="${_ryl_omp_example}")
+    add_dependencies(ryl_run_test omp_example)
+  endif()
+endif()

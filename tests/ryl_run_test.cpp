@@ -1,0 +1,113 @@
+// ryl run: the environment it gives the program, its exit statuses and
+// messages, and the example programs traced through it. The library is
+// preloaded into programs built without sanitizers, so these tests do not
+// run in the sanitizer builds.
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "child.h"
+
+namespace {
+
+child_result ryl(const std::vector<std::string>& args,
+                 const std::vector<std::pair<std::string, std::string>>& env = {}) {
+    std::vector<std::string> argv{RYL_TOOL};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return run_program(argv, env, {"LD_PRELOAD", "OMP_TOOL_LIBRARIES", "RYL_LIBRARY"});
+}
+
+bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+size_t count(const std::string& text, const std::string& part) {
+    size_t n = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+    return n;
+}
+
+TEST(ryl_run, sets_up_the_collector_and_summarises) {
+    temp_dir dir;
+    const std::string run_dir = dir.path + "/run";
+    const child_result r = ryl({"run", "-o", run_dir, "--", "env"});
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_EQ("ryl: tracing env into " + run_dir + "\n", r.err);
+    EXPECT_TRUE(has(r.out, "\nVUN_DIR=" + run_dir + "\n")) << r.out;
+    EXPECT_TRUE(has(r.out, "\nLD_PRELOAD=" + std::string(library_path()) + "\n")) << r.out;
+    EXPECT_TRUE(has(r.out, "\nOMP_TOOL_LIBRARIES=" + std::string(library_path()) + "\n")) << r.out;
+    // env reports nothing: only the pre-opened files, each finished.
+    EXPECT_TRUE(has(r.out, "run directory " + run_dir + ": ")) << r.out;
+    EXPECT_EQ(count(r.out, ", complete\n"), count(r.out, "_ryl.")) << r.out;
+    EXPECT_EQ(0, ryl({"check", run_dir}).status);
+}
+
+TEST(ryl_run, exit_statuses) {
+    temp_dir dir;
+    struct {
+        std::vector<std::string> args;
+        std::vector<std::pair<std::string, std::string>> env;
+        int status;
+        std::string message;
+    } cases[] = {
+        {{"run", "-o", dir.path + "/a", "--", "sh", "-c", "exit 3"}, {}, 3, "ryl: sh exited with status 3"},
+        {{"run", "-o", dir.path + "/b", "--", "sh", "-c", "kill -9 $$"}, {}, 137,
+         "ryl: sh was killed by signal 9 (Killed)"},
+        {{"run", "-o", dir.path + "/a", "--", "true"}, {}, 1,
+         "ryl: " + dir.path + "/a: already holds trace files; name a new or empty directory"},
+        {{"run", "-o", dir.path + "/c", "--", "/no/such/program"}, {}, 127,
+         "ryl: cannot run /no/such/program: No such file or directory"},
+        {{"run", "-o", dir.path + "/no/d", "--", "true"}, {}, 1, "ryl: " + dir.path + "/no/d: cannot create: "},
+        {{"run", "--", "true"}, {{"RYL_LIBRARY", "/no/lib.so"}}, 1, "ryl: RYL_LIBRARY=/no/lib.so: No such file"},
+        {{"run", "-o", dir.path + "/e", "true"}, {}, 0, ""},  // "--" may be left out
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args.back());
+        const child_result r = ryl(c.args, c.env);
+        EXPECT_EQ(c.status, r.status) << r.err;
+        EXPECT_TRUE(has(r.err, c.message)) << r.err;
+    }
+    // The killed shell's files are cut short, and the summary says so.
+    const child_result killed = ryl({"summary", dir.path + "/b"});
+    EXPECT_TRUE(has(killed.out, "0 records, cut short: no complete record; the file ends after its header"))
+        << killed.out;
+}
+
+#ifdef RYL_THREADS_EXAMPLE
+TEST(ryl_run, threads_example) {
+    temp_dir dir;
+    const child_result r = ryl({"run", "-o", dir.path + "/run", "--", RYL_THREADS_EXAMPLE});
+    ASSERT_EQ(0, r.status) << r.err;
+    for (const char* line : {"domains (1): \"example\"\n", "string handles (4): \"note\", \"size\", \"step\", \"work\"\n",
+                             "relations: 3 of kind 5\n", "  tasks: 4 begun, 4 ended\n"})
+        EXPECT_TRUE(has(r.out, line)) << line << r.out;
+}
+#endif
+
+#ifdef RYL_OMP_EXAMPLE
+TEST(ryl_run, openmp_example_summary_timeline_and_graph) {
+    temp_dir dir;
+    const std::string run_dir = dir.path + "/run";
+    const child_result r = ryl({"run", "-o", run_dir, "--", RYL_OMP_EXAMPLE}, {{"OMP_NUM_THREADS", "2,2"}});
+    ASSERT_EQ(0, r.status) << r.err << r.out;
+    EXPECT_TRUE(has(r.out, "OpenMP: 3 regions, 6 implicit tasks, ")) << r.out;
+    EXPECT_TRUE(has(r.out, " (4 with dependences), 7 dependences (3 in, 4 out) on 3 variables, ")) << r.out;
+
+    ASSERT_EQ(0, ryl({"timeline", run_dir, "-o", dir.path + "/trace.json"}).status);
+    std::map<int, int> depth;  // per thread: every E closes a B
+    const nlohmann::json trace = nlohmann::json::parse(read_file(dir.path + "/trace.json"));
+    for (const auto& e : trace.at("traceEvents")) {
+        const std::string ph = e.at("ph");
+        if (ph == "B" || ph == "E") EXPECT_GE(depth[e.at("tid").get<int>()] += ph == "B" ? 1 : -1, 0);
+    }
+    for (const auto& d : depth) EXPECT_EQ(0, d.second) << "thread " << d.first;
+
+    ASSERT_EQ(0, ryl({"graph", run_dir, "-o", dir.path + "/graph.dot"}).status);
+    const std::string dot = read_file(dir.path + "/graph.dot");
+    EXPECT_EQ(4u, count(dot, "subgraph cluster_")) << dot;  // the graph and three regions
+    EXPECT_EQ(7u, count(dot, "[label=\"7\"]")) << dot;
+    if (run_program({"sh", "-c", "command -v dot"}, {}).status != 0) GTEST_SKIP() << "Graphviz dot is not installed";
+    ASSERT_EQ(0, ryl({"graph", run_dir, "-o", dir.path + "/graph.dot", "--svg"}).status);
+    EXPECT_TRUE(has(read_file(dir.path + "/graph.svg"), "composite_node"));
+}
+#endif
+
+}  // namespace
