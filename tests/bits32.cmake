@@ -10,3 +10,22 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   ryl_add_test(ompt_32bit_test ompt_32bit_test.cpp ompt_support.cpp LABELS ompt)
   target_include_directories(ompt_32bit_test PRIVATE ${PROJECT_BINARY_DIR}/omp-tools)
 endif()
+
+# ryl_disable_in_32bit(<target> <case>...): in the 32-bit build the named
+# cases of a test program show as disabled; elsewhere nothing. For the
+# fragments that sort after this one.
+function(ryl_disable_in_32bit target)
+  if(NOT CMAKE_SIZEOF_VOID_P EQUAL 4)
+    return()
+  endif()
+  set(file ${CMAKE_CURRENT_BINARY_DIR}/${target}_32bit.cmake)
+  file(WRITE ${file}
+    "set(_cases \"${ARGN}\")\n"
+    "foreach(_t IN LISTS ${target}_TESTS)\n"
+    "  list(FIND _cases \"\${_t}\" _i)\n"
+    "  if(NOT _i EQUAL -1)\n"
+    "    set_tests_properties(\"\${_t}\" PROPERTIES DISABLED TRUE)\n"
+    "  endif()\n"
+    "endforeach()\n")
+  set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${file})
+endfunction()

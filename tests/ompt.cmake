@@ -3,28 +3,15 @@
 # tests/fetch_libomp16.sh has unpacked it into RYL_LIBOMP16_DIR).
 ryl_add_test(ompt_adapter_test ompt_adapter_test.cpp ompt_support.cpp LABELS ompt threads)
 target_include_directories(ompt_adapter_test PRIVATE ${PROJECT_BINARY_DIR}/omp-tools)
-if(CMAKE_SIZEOF_VOID_P EQUAL 4)
-  # 32-bit build: these cases expect the ids of 64-bit slots and addresses
-  # (the fake runtime's unique ids start at 2^32), of which a 32-bit adapter
-  # reads the low 32 bits. They show as disabled; ompt_32bit_test checks the
-  # translation in a 32-bit process.
-  set(_ompt_64bit_cases
-    ompt_start_up.without_parallel_info_the_callbacks_region_stands
-    ompt_translation.two_threads_give_the_records_of_region_and_task
-    ompt_translation.dependence_direction_follows_the_type_bits
-    ompt_translation.sync_region_kinds_shown_as_barriers
-    ompt_translation.null_data_pointers_read_as_zero)
-  set(_ompt_32bit_file ${CMAKE_CURRENT_BINARY_DIR}/ompt_adapter_32bit.cmake)
-  file(WRITE ${_ompt_32bit_file}
-    "set(_ompt_64bit_cases \"${_ompt_64bit_cases}\")\n"
-    "foreach(_t IN LISTS ompt_adapter_test_TESTS)\n"
-    "  list(FIND _ompt_64bit_cases \"\${_t}\" _i)\n"
-    "  if(NOT _i EQUAL -1)\n"
-    "    set_tests_properties(\"\${_t}\" PROPERTIES DISABLED TRUE)\n"
-    "  endif()\n"
-    "endforeach()\n")
-  set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${_ompt_32bit_file})
-endif()
+# In the 32-bit build these cases expect the ids of 64-bit slots and
+# addresses (the fake runtime's unique ids start at 2^32), of which a 32-bit
+# adapter reads the low 32 bits; ompt_32bit_test checks the translation there.
+ryl_disable_in_32bit(ompt_adapter_test
+  ompt_start_up.without_parallel_info_the_callbacks_region_stands
+  ompt_translation.two_threads_give_the_records_of_region_and_task
+  ompt_translation.dependence_direction_follows_the_type_bits
+  ompt_translation.sync_region_kinds_shown_as_barriers
+  ompt_translation.null_data_pointers_read_as_zero)
 
 if(NOT TARGET omp_example)
   include(${PROJECT_SOURCE_DIR}/examples/omp.cmake)
