@@ -218,9 +218,31 @@ read_status set_cut_short(trace_file& f) {
     return f.status = read_status::cut_short;
 }
 
+// Which field a message is about: index -2 the record's name, -1 its
+// timestamp, 0.. the fields after it; word 1..3 within a compound field.
+struct field_ref {
+    int index;
+    int word;
+};
+
+std::string field_text(const field_ref* ref) {
+    static const char* const ordinals[] = {"first", "second", "third", "fourth", "fifth", "sixth"};
+    if (!ref) return "";
+    std::string text = ref->index == -2   ? "the record's name"
+                       : ref->index == -1 ? "the timestamp"
+                                          : std::string("the ") + ordinals[ref->index] + " field after the timestamp";
+    if (ref->word) text = "word " + std::to_string(ref->word) + " of " + text;
+    return text;
+}
+
+// "expected X" or "expected X with the field".
+std::string expectation(const char* expected, const field_ref* ref) {
+    return std::string("expected ") + expected + (ref ? " with " + field_text(ref) : std::string());
+}
+
 // A token of -1: the end of the file, a construct cut off by it ("?" or "/"
 // as the last byte), or a construct the tokenizer refuses.
-read_status at_minus_one(trace_file& f, const char* expected) {
+read_status at_minus_one(trace_file& f, const char* expected, const field_ref* ref = nullptr) {
     trace_input& in = *f.in;
     if (!slot_at_end(in, 0))
         while (peek(in, 0) == 0) shift(in);  // a zero-filled tail after the construct
@@ -231,10 +253,15 @@ read_status at_minus_one(trace_file& f, const char* expected) {
         }
         return set_cut_short(f);
     }
-    return set_malformed(f, std::string("expected ") + expected + ", found bytes that are not XML");
+    return set_malformed(f, expectation(expected, ref) + ", found bytes that are not XML");
 }
 
 int token(trace_file& f) { return f.in->next_token(f.token, sizeof f.token); }
+
+inline bool same(const char* a, const char* b) {
+    while (*a && *a == *b) ++a, ++b;
+    return *a == *b;
+}
 
 // What a token of kind t is, for messages; reads the tag name after "<" or "</".
 std::string describe(trace_file& f, int t) {
@@ -268,11 +295,11 @@ bool is_prefix(const char* part, const char* whole) {
 
 // Reads a token that must be of kind t (and, for a name, have the given text).
 // When the file ends right after the beginning of that token, it is cut short.
-bool expect(trace_file& f, int t, const char* name, const char* expected) {
+bool expect(trace_file& f, int t, const char* name, const char* expected, const field_ref* ref = nullptr) {
     const int got = token(f);
-    if (got == t && (t != 110 || std::strcmp(f.token, name) == 0)) return true;
+    if (got == t && (t != 110 || same(f.token, name))) return true;
     if (got == -1) {
-        at_minus_one(f, expected);
+        at_minus_one(f, expected, ref);
         return false;
     }
     std::string found;
@@ -286,13 +313,13 @@ bool expect(trace_file& f, int t, const char* name, const char* expected) {
     } else {
         found = describe(f, got);
     }
-    set_malformed(f, std::string("expected ") + expected + ", found " + found);
+    set_malformed(f, expectation(expected, ref) + ", found " + found);
     return false;
 }
 
 // "<name>" and "</name>".
-bool open_tag(trace_file& f, const char* name, const char* expected) {
-    return expect(f, 98, "", expected) && expect(f, 110, name, expected) && expect(f, 62, "", expected);
+bool open_tag(trace_file& f, const char* name, const char* expected, const field_ref* ref = nullptr) {
+    return expect(f, 98, "", expected, ref) && expect(f, 110, name, expected, ref) && expect(f, 62, "", expected, ref);
 }
 bool close_tag(trace_file& f, const char* name, const char* expected) {
     return expect(f, 101, "", expected) && expect(f, 110, name, expected) && expect(f, 62, "", expected);
@@ -325,31 +352,31 @@ bool parse_number(const char* text, size_t n, uint64_t& value) {
 
 // The content of a field stopped at the end of the file or at a zero byte:
 // the file is cut short there, unless more follows the zero bytes.
-bool cut_inside(trace_file& f, const std::string& what) {
-    if (close_tag(f, "field", "</field>")) set_malformed(f, "zero bytes inside " + what);
+bool cut_inside(trace_file& f, const field_ref& ref) {
+    if (close_tag(f, "field", "</field>")) set_malformed(f, "zero bytes inside " + field_text(&ref));
     return false;
 }
 
-// "<field>" number "</field>"; what names the field in messages.
-bool number_field(trace_file& f, uint64_t& value, uint64_t max, const std::string& what) {
-    const std::string expected = "<field> with " + what;
-    if (!open_tag(f, "field", expected.c_str())) return false;
+// "<field>" number "</field>".
+bool number_field(trace_file& f, uint64_t& value, uint64_t max, const field_ref& ref) {
+    if (!open_tag(f, "field", "<field>", &ref)) return false;
     char text[32];
     size_t n = 0;
     const bool fits = plain_content(*f.in, text, sizeof text, n);
-    if (fits && peek(*f.in, 0) != '<') return cut_inside(f, what);
+    if (fits && peek(*f.in, 0) != '<') return cut_inside(f, ref);
     if (!fits || !parse_number(text, n, value) || value > max) {
-        set_malformed(f, what + " is not a number" + (max == 255 ? " from 0 to 255" : "") + ": \"" +
+        set_malformed(f, field_text(&ref) + " is not a number" + (max == 255 ? " from 0 to 255" : "") + ": \"" +
                              printable(text, n) + (fits ? "\"" : "...\""));
         return false;
     }
     return close_tag(f, "field", "</field>");
 }
 
-bool id_field(trace_file& f, id3& id, const std::string& what) {
-    if (!open_tag(f, "compound_field", ("<compound_field> with " + what).c_str())) return false;
-    return number_field(f, id.a, UINT64_MAX, what + " word 1") && number_field(f, id.b, UINT64_MAX, what + " word 2") &&
-           number_field(f, id.c, UINT64_MAX, what + " word 3") && close_tag(f, "compound_field", "</compound_field>");
+bool id_field(trace_file& f, id3& id, int index) {
+    const field_ref ref{index, 0}, a{index, 1}, b{index, 2}, c{index, 3};
+    if (!open_tag(f, "compound_field", "<compound_field>", &ref)) return false;
+    return number_field(f, id.a, UINT64_MAX, a) && number_field(f, id.b, UINT64_MAX, b) &&
+           number_field(f, id.c, UINT64_MAX, c) && close_tag(f, "compound_field", "</compound_field>");
 }
 
 // Compares the input from peek index at with text: 1 when it matches (at is
@@ -392,8 +419,9 @@ bool at_text_end(trace_input& in) {
 // record. A domain or string-handle name must also have its recorded length
 // (at most 1000, low 8 bits) there; the length of a metadata text is as the
 // caller gave it and says nothing.
-bool text_field(trace_file& f, field& out, const record& rec, int kind, const std::string& what) {
-    if (!open_tag(f, "field", ("<field> with " + what).c_str())) return false;
+bool text_field(trace_file& f, field& out, const record& rec, int kind, int index) {
+    const field_ref ref{index, 0};
+    if (!open_tag(f, "field", "<field>", &ref)) return false;
     trace_input& in = *f.in;
     const bool has_length = kind == kind_domain_createA || kind == kind_string_handle_createA;
     const uint64_t length = rec.fields[1].number;
@@ -401,7 +429,7 @@ bool text_field(trace_file& f, field& out, const record& rec, int kind, const st
     out.text_size = 0;
     for (;;) {
         const int c = peek(in, 0);
-        if (c <= 0) return cut_inside(f, what);  // the end of the file or of what was written
+        if (c <= 0) return cut_inside(f, ref);  // the end of the file or of what was written
         if (c == '<' && at_text_end(in) &&
             (!has_length || ((out.text_size < 1000 ? out.text_size : 1000) & 0xff) == length))
             break;
@@ -412,10 +440,6 @@ bool text_field(trace_file& f, field& out, const record& rec, int kind, const st
     return close_tag(f, "field", "</field>");
 }
 
-const char* field_word(int i) {
-    static const char* const words[] = {"first", "second", "third", "fourth", "fifth", "sixth"};
-    return words[i];
-}
 
 }  // namespace
 
@@ -496,11 +520,12 @@ read_status next_record(trace_file& f, record& rec) {
     if (!expect(f, 110, "record", next) || !expect(f, 62, "", next)) return f.status;
 
     // The record's name.
-    if (!open_tag(f, "field", "<field> with the record's name")) return f.status;
+    const field_ref name_ref{-2, 0}, timestamp_ref{-1, 0};
+    if (!open_tag(f, "field", "<field>", &name_ref)) return f.status;
     char name[64];
     size_t n = 0;
     const bool fits = plain_content(*f.in, name, sizeof name, n);
-    if (fits && peek(*f.in, 0) != '<') return cut_inside(f, "the record's name"), f.status;
+    if (fits && peek(*f.in, 0) != '<') return cut_inside(f, name_ref), f.status;
     const int kind = fits ? kind_of(name, n) : -1;
     if (kind < 0) return set_malformed(f, "unknown record kind \"" + printable(name, n) + (fits ? "\"" : "...\""));
     if (!record_kinds[kind].written)
@@ -511,18 +536,18 @@ read_status next_record(trace_file& f, record& rec) {
     f.open_fields = 1;
 
     rec.kind = kind;
-    if (!number_field(f, rec.timestamp, UINT64_MAX, "the timestamp")) return f.status;
+    if (!number_field(f, rec.timestamp, UINT64_MAX, timestamp_ref)) return f.status;
     f.open_fields = 2;
     const char* shape = record_kinds[kind].shape;
     for (int i = 0; shape[i]; ++i) {
-        const std::string what = std::string("the ") + field_word(i) + " field after the timestamp";
+        const field_ref ref{i, 0};
         field& fl = rec.fields[i];
         bool ok = false;
         switch (shape[i]) {
-        case 'N': ok = number_field(f, fl.number, UINT64_MAX, what); break;
-        case 'B': ok = number_field(f, fl.number, 255, what); break;
-        case 'C': ok = id_field(f, fl.id, what); break;
-        case 'T': ok = text_field(f, fl, rec, kind, what); break;
+        case 'N': ok = number_field(f, fl.number, UINT64_MAX, ref); break;
+        case 'B': ok = number_field(f, fl.number, 255, ref); break;
+        case 'C': ok = id_field(f, fl.id, i); break;
+        case 'T': ok = text_field(f, fl, rec, kind, i); break;
         }
         if (!ok) return f.status;
         ++f.open_fields;
