@@ -1,11 +1,13 @@
 // Records of the 32-bit build: addresses at or above 2^31 sign-extended to
 // 64 bits, a failing sched_getcpu recorded as all ones, metadata values read
-// as 32 bits for types 1 and 3. Handles and data are placed at chosen
-// addresses in pages mapped there.
+// as 32 bits for types 1 and 3; trace files beyond 32-bit offsets. Handles
+// and data are placed at chosen addresses in pages mapped there.
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -227,6 +229,28 @@ TEST(metadata_32bit, types_one_and_three_read_four_bytes) {
         for (int type : {1, 3})
             expected += record("metadata", field(0) + id_field(9, 0, 0) + field(0) + field(type) + field(1) + field(v));
     EXPECT_EQ(r.records, expected);
+}
+
+// A trace file of an earlier run larger than 2 GiB (sparse: it takes no
+// space) is emptied and reused like any other; its size does not fit a
+// 32-bit file offset.
+TEST(large_files_32bit, earlier_file_over_2_gib_is_reused) {
+    temp_dir dir;
+    std::string path = dir.path + "/_ryl.0";
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_LARGEFILE, 0644);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(ftruncate64(fd, 3ll << 30), 0);
+    close(fd);
+    child_options options;
+    options.set_env = {{"VUN_DIR", dir.path}};
+    child_result child = run_in_child(options, [](zop_api& api) { api.task_end(nullptr); });
+    EXPECT_EQ(child.status, 0);
+    EXPECT_EQ(child.err, "");
+    struct stat64 st;
+    ASSERT_EQ(stat64(path.c_str(), &st), 0);
+    ASSERT_LT(st.st_size, 1 << 20);
+    EXPECT_EQ(mask_timestamps(read_file(path)), header_lines(std::thread::hardware_concurrency()) +
+                                                    record("task_end", field(0)) + file_end());
 }
 
 }  // namespace
