@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <vector>
 
 #include "ryl.h"
 
@@ -27,8 +28,10 @@ std::string absolute(const std::string& path) {
     return ::realpath(path.c_str(), resolved) ? std::string(resolved) : path;
 }
 
-// The library to load: RYL_LIBRARY, else ../lib/libryl_xml.so beside this
-// executable (an installed ryl), else the library of the build tree.
+// The library to load: RYL_LIBRARY; else, for an installed ryl, the
+// library in the library directory beside its own directory (PREFIX/bin/ryl,
+// PREFIX/LIBDIR/libryl_xml.so.0) or ../lib/libryl_xml.so; else the library of
+// the build tree.
 bool find_library(std::string& library) {
     const char* env = std::getenv("RYL_LIBRARY");
     if (env && *env) {
@@ -39,25 +42,26 @@ bool find_library(std::string& library) {
         library = absolute(env);
         return true;
     }
-    std::string installed = "(unknown)";
+    std::vector<std::string> candidates;
     char self[PATH_MAX];
     const ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
     if (n > 0) {
-        std::string exe(self, size_t(n));
-        installed = exe.substr(0, exe.rfind('/')) + "/../lib/libryl_xml.so";
-        if (readable(installed)) {
-            library = absolute(installed);
+        const std::string exe(self, size_t(n));
+        const std::string prefix = exe.substr(0, exe.rfind('/')) + "/../";
+        const std::string installed = RYL_INSTALLED_LIBRARY;
+        candidates.push_back(installed[0] == '/' ? installed : prefix + installed);
+        candidates.push_back(prefix + "lib/libryl_xml.so");
+    }
+    candidates.push_back(RYL_BUILD_LIBRARY);
+    std::string tried;
+    for (const std::string& c : candidates) {
+        if (readable(c)) {
+            library = absolute(c);
             return true;
         }
+        tried += (tried.empty() ? "" : ", ") + c;
     }
-#ifdef RYL_BUILD_LIBRARY
-    if (readable(RYL_BUILD_LIBRARY)) {
-        library = RYL_BUILD_LIBRARY;
-        return true;
-    }
-    installed += " and " RYL_BUILD_LIBRARY;
-#endif
-    error_line("cannot find libryl_xml.so (looked for " + installed + "); set RYL_LIBRARY to its path");
+    error_line("cannot find libryl_xml.so (looked for " + tried + "); set RYL_LIBRARY to its path");
     return false;
 }
 
