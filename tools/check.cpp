@@ -27,7 +27,7 @@ int check_command(const std::vector<std::string>& args) {
         switch (f.status) {
         case read_status::finished: {
             ++ok;
-            line += "ok, " + std::to_string(f.records) + " records";
+            line += "ok, " + std::to_string(f.records) + (f.records == 1 ? " record" : " records");
             const uint64_t zeros = trailing_zero_bytes(f);
             if (zeros) line += ", followed by " + std::to_string(zeros) + " zero bytes";
             break;
