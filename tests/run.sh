@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Runs every test: the normal build's suite, the whole suite again under
-# AddressSanitizer and UndefinedBehaviorSanitizer, the threaded tests under
-# ThreadSanitizer, and the XML fuzzer for a bounded time.
+# Runs every test: the normal build's suite, the Debian package check, the
+# 32-bit build's suite, the whole suite again under AddressSanitizer and
+# UndefinedBehaviorSanitizer, the threaded tests under ThreadSanitizer, and
+# the XML fuzzer for a bounded time.
 # Usage: bash tests/run.sh [--quick]   (--quick: the normal build's suite only)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -40,6 +41,13 @@ fi
 run_ctest --test-dir build --output-on-failure -j "$jobs"
 
 if [ "${1:-}" = "--quick" ]; then echo "$passed passed, $failed failed"; exit 0; fi
+
+step "Debian package: build, contents, install into a throwaway root"
+bash tests/check_deb.sh build
+
+step "32-bit (i386) build and test"
+bash tests/run_32bit.sh "$root/build-32" --build-only
+run_ctest --test-dir build-32 --output-on-failure -j "$jobs"
 
 step "whole suite under AddressSanitizer + UndefinedBehaviorSanitizer"
 cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DRYL_SANITIZE=address,undefined \
