@@ -27,7 +27,19 @@ echo "== threads_example (linked with libryl_xml.so), VUN_DIR=$run_dir"
 VUN_DIR=$run_dir ./build/examples/threads_example
 show_trace "$run_dir"
 
-if [ -f examples/run_omp_example.sh ]; then
-  echo
-  bash examples/run_omp_example.sh
-fi
+echo
+bash examples/run_omp_example.sh build
+
+# The same OpenMP program under the ryl tool: summary, check, a timeline for
+# Perfetto or chrome://tracing, and the task graph as a picture.
+ryl=./build/tools/ryl
+omp_dir=$(mktemp -d "$out/omp_example.XXXXXX")
+echo
+echo "== omp_tasks under ryl run (OMP_NUM_THREADS=2,2), VUN_DIR=$omp_dir"
+OMP_NUM_THREADS=2,2 "$ryl" run -o "$omp_dir" -- ./build/examples/omp_tasks
+"$ryl" check "$omp_dir"
+"$ryl" timeline "$omp_dir" -o "$out/trace.json"
+"$ryl" graph "$omp_dir" -o "$out/task_graph.dot" --svg
+echo
+echo "timeline:   $out/trace.json  (open in https://ui.perfetto.dev or chrome://tracing)"
+echo "task graph: $out/task_graph.svg  (Graphviz source: $out/task_graph.dot)"
