@@ -103,7 +103,7 @@ char* append(char* out, const char (&text)[N]) {
 
 // "<field>" number "</field>\n"; the buffer holds at least 40 bytes.
 template <typename T>
-char* append_number_field(char* out, T value) {
+__attribute__((always_inline)) inline char* append_number_field(char* out, T value) {
     out = append(out, field_open);
     out = std::to_chars(out, out + 24, value).ptr;
     return append(out, field_close);
@@ -287,7 +287,7 @@ void trace_writer::emit_span(const iovec* parts, int count) {
 // returns the end of what it wrote. It is formatted on the stack; a mapped
 // file with room takes it directly, anything else goes through emit.
 template <size_t MaxSize, typename F>
-void format_span(trace_writer& w, F&& format) {
+__attribute__((always_inline)) inline void format_span(trace_writer& w, F&& format) {
     char buf[MaxSize];
     size_t size = size_t(format(buf) - buf);
     std::lock_guard<std::mutex> lock(w.mutex);
