@@ -79,16 +79,25 @@ bool write_all(int fd, iovec* parts, int count) {
 // never later bytes behind a gap (number formatting, for one, fills its
 // digits from the back).
 void copy_in_order(char* to, const char* from, size_t size) {
-    for (; size >= 8; size -= 8, to += 8, from += 8) {
+    if (size < 8) {
+        for (; size > 0; --size) {
+            *to++ = *from++;
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+        }
+        return;
+    }
+    const char* last = from + size - 8;
+    for (; from < last; to += 8, from += 8) {
         uint64_t word;
         memcpy(&word, from, 8);
         memcpy(to, &word, 8);
         std::atomic_signal_fence(std::memory_order_seq_cst);
     }
-    for (; size > 0; --size) {
-        *to++ = *from++;
-        std::atomic_signal_fence(std::memory_order_seq_cst);
-    }
+    // The last eight bytes, overlapping what is written already with the
+    // same bytes.
+    uint64_t word;
+    memcpy(&word, last, 8);
+    memcpy(to - (from - last), &word, 8);
 }
 
 // Appends text to a fixed buffer; returns the new end.
