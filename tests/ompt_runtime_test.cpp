@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <iterator>
 #include <map>
 #include <set>
 #include <sstream>
@@ -16,77 +17,29 @@
 
 namespace {
 
-// What the example program printed about its run.
-struct program_report {
-    std::string runtime;
-    std::uint64_t code = 0;
-    std::vector<int> team_sizes;
-    // Per explicit task its dependences as "in:V" or "out:V" (V decimal;
-    // inout counts as out).
-    std::vector<std::multiset<std::string>> tasks;
-};
-
-program_report read_report(const std::string& out) {
-    program_report r;
-    std::istringstream lines(out);
-    std::string word;
-    while (lines >> word) {
-        if (word == "runtime") lines >> r.runtime;
-        else if (word == "code") {
-            lines >> word;
-            r.code = std::strtoull(word.c_str(), nullptr, 16);
-        } else if (word == "region") {
-            r.team_sizes.emplace_back();
-            lines >> r.team_sizes.back();
-        } else if (word == "task") {
-            r.tasks.emplace_back();
-            std::string rest;
-            std::getline(lines, rest);
-            std::istringstream deps(rest);
-            while (deps >> word) {
-                size_t colon = word.find(':');
-                if (colon == std::string::npos) continue;
-                std::string type = word.substr(0, colon) == "in" ? "in:" : "out:";
-                r.tasks.back().insert(
-                    type + std::to_string(std::strtoull(word.c_str() + colon + 1, nullptr, 16)));
-            }
-        }
-    }
-    return r;
-}
-
-std::vector<std::string> split(const std::string& line) {
-    std::istringstream in(line);
-    std::vector<std::string> words;
-    for (std::string w; in >> w;) words.push_back(w);
-    return words;
-}
-
-// The first word of an id "{a,k,0}" with its second word k, or "" if not.
+// The first word of an id "{a,k,0}" when its second word is k, else "".
 std::string value_of(const std::string& id, int k) {
-    size_t comma = id.find(',');
-    if (id.size() < 2 || id[0] != '{' || comma == std::string::npos) return "";
-    if (id.compare(comma, std::string::npos, "," + std::to_string(k) + ",0}") != 0) return "";
-    return id.substr(1, comma - 1);
+    const size_t comma = id.find(',');
+    const bool match = id[0] == '{' && comma != std::string::npos &&
+                       id.substr(comma) == "," + std::to_string(k) + ",0}";
+    return match ? id.substr(1, comma - 1) : "";
 }
 
 struct runtime_case {
     const char* name;
-    int runtime;             // 14 or 16
-    bool preload;            // LD_PRELOAD instead of OMP_TOOL_LIBRARIES
-    const char* threads;     // OMP_NUM_THREADS
-    bool all_barriers;       // VUN_BARRIERS=all
+    int runtime;          // 14 or 16
+    bool preload;         // LD_PRELOAD instead of OMP_TOOL_LIBRARIES
+    const char* threads;  // OMP_NUM_THREADS
+    bool all_barriers;    // VUN_BARRIERS=all
 };
 
 void PrintTo(const runtime_case& c, std::ostream* os) { *os << c.name; }
 
-class ompt_runtime : public ::testing::TestWithParam<runtime_case> {};
+class ompt_runtime : public testing::TestWithParam<runtime_case> {};
 
 TEST_P(ompt_runtime, trace_agrees_with_the_program) {
     const runtime_case& c = GetParam();
     std::vector<std::pair<std::string, std::string>> env = {{"OMP_NUM_THREADS", c.threads}};
-    std::vector<std::string> unset = {"OMP_TOOL", "VUN_BARRIERS", "LD_LIBRARY_PATH", "LD_PRELOAD",
-                                      "OMP_TOOL_LIBRARIES", "OMP_MAX_ACTIVE_LEVELS", "OMP_NESTED"};
     if (c.runtime == 16) {
         const char* dir = std::getenv("RYL_LIBOMP16_DIR");
         std::string lib_dir = std::string(dir && *dir ? dir : RYL_LIBOMP16_DIR) + "/usr/lib/llvm-16/lib";
@@ -99,30 +52,55 @@ TEST_P(ompt_runtime, trace_agrees_with_the_program) {
     if (c.all_barriers) env.emplace_back("VUN_BARRIERS", "all");
     temp_dir dir;
     env.emplace_back("VUN_DIR", dir.path);
-
-    child_result run = run_program({RYL_OMP_EXAMPLE}, env, unset);
+    child_result run = run_program({RYL_OMP_EXAMPLE}, env,
+                                   {"OMP_TOOL", "VUN_BARRIERS", "LD_LIBRARY_PATH", "LD_PRELOAD",
+                                    "OMP_TOOL_LIBRARIES", "OMP_MAX_ACTIVE_LEVELS", "OMP_NESTED"});
     ASSERT_EQ(run.status, 0) << run.out << run.err;
     EXPECT_EQ(run.out.find("Could not register"), std::string::npos) << run.out;
-    program_report report = read_report(run.out);
-    EXPECT_EQ(report.runtime.find("llvm-16") != std::string::npos, c.runtime == 16) << report.runtime;
-    ASSERT_EQ(report.tasks.size(), 5u) << run.out;
+
+    // What the program reports: its runtime, the address of its code, each
+    // region's team size, and each explicit task's dependences as "in:V" or
+    // "out:V" (V decimal; inout counts as out).
+    std::string runtime;
+    std::uint64_t code = 0;
+    std::vector<int> team_sizes;
+    std::multiset<std::multiset<std::string>> declared;
+    int tasks = 0;
+    std::istringstream report(run.out);
+    for (std::string line, word; std::getline(report, line);) {
+        std::istringstream words(line);
+        words >> word;
+        if (word == "runtime") words >> runtime;
+        if (word == "code") words >> std::hex >> code;
+        if (word == "region") team_sizes.push_back(std::stoi(line.substr(7)));
+        if (word != "task") continue;
+        ++tasks;
+        std::multiset<std::string> deps;
+        for (size_t colon; words >> word && (colon = word.find(':')) != std::string::npos;)
+            deps.insert((word.substr(0, colon) == "in" ? "in:" : "out:") +
+                        std::to_string(std::stoull(word.substr(colon + 1), nullptr, 16)));
+        if (!deps.empty()) declared.insert(deps);
+    }
+    EXPECT_EQ(runtime.find("llvm-16") != std::string::npos, c.runtime == 16) << runtime;
+    ASSERT_EQ(tasks, 5) << run.out;
     // The outer region and one nested region per thread of its team.
-    ASSERT_EQ(report.team_sizes.size(), 1u + (c.threads[0] - '0')) << run.out;
+    ASSERT_EQ(team_sizes.size(), 1u + (c.threads[0] - '0')) << run.out;
 
     std::vector<parsed_trace> traces = read_traces(dir.path);
     handle_names names;
     for (const parsed_trace& t : traces) learn_handles(t, names);
-    std::vector<std::string> regions;                       // R of each composite node
-    std::map<std::string, int> members;                     // R -> implicit tasks under it
+    std::vector<std::string> regions;                        // R of each composite node
+    std::map<std::string, int> members;                      // R -> implicit tasks under it
     std::map<std::string, std::multiset<std::string>> deps;  // T -> "in:V" / "out:V"
-    std::set<std::string> task_nodes;                       // T of each task node
-    std::vector<std::uint64_t> task_code;                   // code addresses of those tasks
+    std::set<std::string> task_nodes;                        // T of each task node
+    std::vector<std::uint64_t> task_code;                    // code addresses of those tasks
     int explicit_begun = 0, barriers = 0, region_code = 0;
     for (const parsed_trace& t : traces) {
         EXPECT_TRUE(t.ok && t.finished) << t.error;
         std::vector<std::string> lines = render(t, names);
         for (size_t i = 0; i < lines.size(); ++i) {
-            std::vector<std::string> w = split(lines[i]);
+            std::istringstream in(lines[i]);
+            const std::vector<std::string> w{std::istream_iterator<std::string>(in), {}};
             if (w.size() < 2 || w[1] != "@openmp") continue;
             if (w[0] == "task_group" && w.back() == "@composite_node") regions.push_back(value_of(w[2], 1));
             if (w[0] == "task_group" && w.back() == "@node" && !value_of(w[2], 1).empty())
@@ -149,17 +127,14 @@ TEST_P(ompt_runtime, trace_agrees_with_the_program) {
     // member for every region that ran.
     std::vector<int> sizes;
     for (const std::string& r : regions) sizes.push_back(members[r]);
-    std::vector<int> expected_sizes = report.team_sizes;
     std::sort(sizes.begin(), sizes.end());
-    std::sort(expected_sizes.begin(), expected_sizes.end());
-    EXPECT_EQ(sizes, expected_sizes);
+    std::sort(team_sizes.begin(), team_sizes.end());
+    EXPECT_EQ(sizes, team_sizes);
     EXPECT_EQ(std::set<std::string>(regions.begin(), regions.end()).size(), regions.size());
     EXPECT_EQ(region_code, int(regions.size()));
 
     // Every declared dependence, in its direction, on the node of its task.
-    std::multiset<std::multiset<std::string>> declared, recorded;
-    for (const auto& task : report.tasks)
-        if (!task.empty()) declared.insert(task);
+    std::multiset<std::multiset<std::string>> recorded;
     for (const auto& task : deps) {
         recorded.insert(task.second);
         EXPECT_EQ(task_nodes.count(task.first), 1u) << "no node for task " << task.first;
@@ -168,22 +143,21 @@ TEST_P(ompt_runtime, trace_agrees_with_the_program) {
 
     // Each task with dependences carries its creator's code address, in full.
     EXPECT_EQ(task_code.size(), declared.size());
-    for (std::uint64_t code : task_code)
-        EXPECT_LT(code > report.code ? code - report.code : report.code - code, 1u << 20)
-            << std::hex << code << " vs " << report.code;
+    for (std::uint64_t tc : task_code)
+        EXPECT_LT(tc > code ? tc - code : code - tc, 1u << 20) << std::hex << tc << " vs " << code;
 
-    EXPECT_EQ(explicit_begun, int(report.tasks.size()));
+    EXPECT_EQ(explicit_begun, tasks);
     if (c.all_barriers) EXPECT_GT(barriers, 0);
     else EXPECT_EQ(barriers, 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     examples, ompt_runtime,
-    ::testing::Values(runtime_case{"runtime14_tool_libraries", 14, false, "2,2", false},
-                      runtime_case{"runtime14_preload", 14, true, "3,2", false},
-                      runtime_case{"runtime14_all_barriers", 14, false, "2,3", true},
-                      runtime_case{"runtime16_tool_libraries", 16, false, "2,2", false},
-                      runtime_case{"runtime16_preload_all_barriers", 16, true, "3,2", true}),
-    [](const ::testing::TestParamInfo<runtime_case>& info) { return std::string(info.param.name); });
+    testing::Values(runtime_case{"runtime14_tool_libraries", 14, false, "2,2", false},
+                    runtime_case{"runtime14_preload", 14, true, "3,2", false},
+                    runtime_case{"runtime14_all_barriers", 14, false, "2,3", true},
+                    runtime_case{"runtime16_tool_libraries", 16, false, "2,2", false},
+                    runtime_case{"runtime16_preload_all_barriers", 16, true, "3,2", true}),
+    [](const testing::TestParamInfo<runtime_case>& info) { return std::string(info.param.name); });
 
 }  // namespace

@@ -9,8 +9,7 @@ namespace {
 void emit(unsigned long long task) {
     ___zop_domain* d = __zop_domain_createA("xml_round_trip");
     ___zop_string_handle* h = __zop_string_handle_createA("task \"name\" &amp; more");
-    __zop_id id{task, 0, 18446744073709551615ULL};
-    __zop_id none{0, 0, 0};
+    __zop_id id{task, 0, 18446744073709551615ULL}, none{0, 0, 0};
     __zop_task_begin(d, id, none, h);
     __zop_relation_add(d, id, 5, none);
     __zop_task_end(d);
@@ -20,7 +19,5 @@ void emit(unsigned long long task) {
 
 int main() {
     emit(1);
-    std::thread other(emit, 2);
-    other.join();
-    return 0;
+    std::thread(emit, 2).join();
 }
