@@ -211,11 +211,15 @@ ryl_collector::~ryl_collector() {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
     std::lock_guard<std::mutex> lock(mutex);
     for (trace_writer_wrapper* wrapper : wrappers) {
-        while (wrapper->in_record.load() && std::chrono::steady_clock::now() < deadline)
+        // One sight of the flag down is enough: any record the thread begins
+        // afterwards sees the collector gone and leaves the writer alone.
+        bool idle = !wrapper->in_record.load();
+        while (!idle && std::chrono::steady_clock::now() < deadline) {
             std::this_thread::sleep_for(std::chrono::microseconds(50));
+            idle = !wrapper->in_record.load();
+        }
         trace_writer* writer = wrapper->thread_writer.exchange(nullptr);
         if (!writer) continue;
-        bool idle = !wrapper->in_record.load();
         writer->finish();
         // A thread stuck inside a record may still touch its writer: leave it.
         if (idle) delete writer;
@@ -284,6 +288,9 @@ trace_writer* begin_record(__zop_record_t kind) {
         if (!wrapper) return nullptr;
         current_wrapper = wrapper;
     }
+    // Once the collector is gone the thread leaves its flag alone, so the
+    // destructor's wait for it ends at once.
+    if (!wrapper->collector.load(std::memory_order_relaxed)) return nullptr;
     // A record already in progress on this thread: this one is dropped whole.
     if (wrapper->in_record.exchange(true)) return nullptr;
     trace_writer* writer = wrapper->thread_writer.load(std::memory_order_acquire);
