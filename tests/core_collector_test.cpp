@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <regex>
 #include <set>
 #include <thread>
@@ -26,8 +27,10 @@ std::string unfinished_file() { return header_lines(hc) + file_end(); }
 
 std::string ryl(const std::string& dir, int n) { return dir + "/_ryl." + std::to_string(n); }
 
-std::vector<std::string> pool_names(int count) {
+// "_ryl.0" to "_ryl.<count - 1>" and any extra name, sorted.
+std::vector<std::string> pool_names(int count, const char* extra = nullptr) {
     std::vector<std::string> names;
+    if (extra) names.push_back(extra);
     for (int i = 0; i < count; ++i) names.push_back("_ryl." + std::to_string(i));
     std::sort(names.begin(), names.end());
     return names;
@@ -41,43 +44,55 @@ TEST(collector_directory, vun_dir_existing_gets_the_pool_files) {
     fclose(old);
     std::string keep = ryl(dir.path, 500);
     fclose(fopen(keep.c_str(), "w"));
-    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [](zop_api&) {});
+    // Every trace file is opened close-on-exec.
+    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [](zop_api&) {
+        int trace_fds = 0, inheritable = 0;
+        for (int fd = 0; fd < 1024; ++fd) {
+            char link[64], target[4096];
+            snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+            ssize_t n = readlink(link, target, sizeof target - 1);
+            if (n <= 0 || (target[n] = 0, !strstr(target, "/_ryl."))) continue;
+            ++trace_fds;
+            inheritable += !(fcntl(fd, F_GETFD) & FD_CLOEXEC);
+        }
+        printf("%d %d\n", trace_fds, inheritable);
+    });
     ASSERT_EQ(child.status, 0);
-    EXPECT_EQ(child.out, "");
+    EXPECT_EQ(child.out, std::to_string(pool) + " 0\n");
     EXPECT_EQ(child.err, "");
-    std::vector<std::string> expected = pool_names(pool);
-    expected.push_back("_ryl.500");
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(list_dir(dir.path), expected);
+    EXPECT_EQ(list_dir(dir.path), pool_names(pool, "_ryl.500"));
     for (int i = 0; i < pool; ++i) EXPECT_EQ(mask_timestamps(read_file(ryl(dir.path, i))), unfinished_file());
 }
 
-// The base name of a run directory for a time, as the collector forms it.
-std::string base_name(time_t t) {
-    tm local;
-    localtime_r(&t, &local);
-    char buf[64];
-    strftime(buf, sizeof buf, "_vun_%Y%m%d_%H%M%S", &local);
-    return buf;
+// Makes the run directory base names of the next seconds (and, with
+// numbered, every numbered candidate of each) in cwd; returns the bases.
+std::set<std::string> occupy(const std::string& cwd, int seconds, bool numbered) {
+    std::set<std::string> bases;
+    for (time_t t = time(nullptr), end = t + seconds; t < end; ++t) {
+        tm local;
+        localtime_r(&t, &local);
+        char base[64], name[4200];
+        strftime(base, sizeof base, "_vun_%Y%m%d_%H%M%S", &local);
+        bases.insert(base);
+        mkdir((cwd + "/" + base).c_str(), 0777);
+        for (int i = 0; numbered && i < 1000; ++i) {
+            snprintf(name, sizeof name, "%s/%s_%03d", cwd.c_str(), base, i);
+            mkdir(name, 0777);
+        }
+    }
+    return bases;
 }
 
 TEST(collector_directory, unset_or_empty_vun_dir_takes_next_free_name) {
     for (bool empty : {false, true}) {
         temp_dir cwd;
-        // Occupy the base names of the next seconds, so the child must
-        // take the "_000" candidate whichever second it starts in.
-        time_t now = time(nullptr);
-        std::set<std::string> bases;
-        for (int s = 0; s < 4; ++s) {
-            bases.insert(base_name(now + s));
-            mkdir((cwd.path + "/" + base_name(now + s)).c_str(), 0777);
-        }
+        // The base names are taken, so the child must take the "_000"
+        // candidate whichever second it starts in.
+        std::set<std::string> bases = occupy(cwd.path, 4, false);
         child_options options;
         options.cwd = cwd.path;
-        if (empty)
-            options.set_env = {{"VUN_DIR", ""}};
-        else
-            options.unset_env = {"VUN_DIR"};
+        if (empty) options.set_env = {{"VUN_DIR", ""}};
+        else options.unset_env = {"VUN_DIR"};
         child_result child = run_in_child(options, [](zop_api& api) { api.task_end(nullptr); });
         ASSERT_EQ(child.status, 0);
         EXPECT_EQ(child.out, "");
@@ -94,18 +109,7 @@ TEST(collector_directory, unset_or_empty_vun_dir_takes_next_free_name) {
 
 TEST(collector_directory, all_candidates_taken_uses_base_with_warning) {
     temp_dir cwd;
-    time_t now = time(nullptr);
-    std::set<std::string> bases;
-    for (int s = 0; s < 3; ++s) {
-        std::string base = base_name(now + s);
-        bases.insert(base);
-        mkdir((cwd.path + "/" + base).c_str(), 0777);
-        for (int i = 0; i < 1000; ++i) {
-            char name[80];
-            snprintf(name, sizeof name, "%s/%s_%03d", cwd.path.c_str(), base.c_str(), i);
-            mkdir(name, 0777);
-        }
-    }
+    std::set<std::string> bases = occupy(cwd.path, 3, true);
     child_options options;
     options.cwd = cwd.path;
     options.unset_env = {"VUN_DIR"};
@@ -156,10 +160,9 @@ TEST(collector_threads, files_follow_first_emission_order) {
     });
     ASSERT_EQ(child.status, 0);
     EXPECT_EQ(list_dir(dir.path), pool_names(threads));
-    for (int i = 0; i < threads; ++i) {
+    for (int i = 0; i < threads; ++i)
         EXPECT_EQ(mask_timestamps(read_file(ryl(dir.path, i))),
                   header_lines(hc) + record("id_create", field(0) + id_field(i, 0, 0)) + file_end());
-    }
 }
 
 // Many threads at once, many records each: every file complete, every
@@ -224,9 +227,8 @@ TEST(collector_unload, dlclose_finishes_files_and_unmaps) {
     ASSERT_EQ(child.status, 0) << child.err;
     EXPECT_EQ(child.out, "unloaded=1\n");
     std::string one_end = header_lines(hc) + record("task_end", field(0)) + file_end();
-    EXPECT_EQ(mask_timestamps(read_file(ryl(dir.path, 0))), one_end);
-    EXPECT_EQ(mask_timestamps(read_file(ryl(dir.path, 1))), one_end);
-    EXPECT_EQ(mask_timestamps(read_file(ryl(second.path, 0))), one_end);
+    for (const std::string& file : {ryl(dir.path, 0), ryl(dir.path, 1), ryl(second.path, 0)})
+        EXPECT_EQ(mask_timestamps(read_file(file)), one_end) << file;
 }
 
 // Events during and after the collector's end (exit handlers, threads still
@@ -269,27 +271,6 @@ TEST(collector_late_events, after_exit_handlers_and_during_exit) {
         parsed_trace trace = parse_trace(read_file(dir.path + "/" + name));
         EXPECT_TRUE(trace.ok && trace.finished) << name << ": " << trace.error;
     }
-}
-
-TEST(collector_files, opened_close_on_exec) {
-    temp_dir dir;
-    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [&](zop_api& api) {
-        api.task_end(nullptr);
-        int trace_fds = 0, inheritable = 0;
-        for (int fd = 0; fd < 1024; ++fd) {
-            char link[64], target[4096];
-            snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-            ssize_t n = readlink(link, target, sizeof target - 1);
-            if (n <= 0) continue;
-            target[n] = 0;
-            if (!strstr(target, "/_ryl.")) continue;
-            ++trace_fds;
-            if (!(fcntl(fd, F_GETFD) & FD_CLOEXEC)) ++inheritable;
-        }
-        printf("%d %d\n", trace_fds, inheritable);
-    });
-    ASSERT_EQ(child.status, 0);
-    EXPECT_EQ(child.out, std::to_string(pool) + " 0\n");
 }
 
 // The dynamic symbol table holds the public API and nothing else.

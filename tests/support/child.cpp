@@ -4,21 +4,18 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <thread>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
-
-extern char** environ;
+#include <thread>
 
 const char* library_path() { return RYL_LIB_PATH; }
 
@@ -33,67 +30,46 @@ void* zop_api::sym(const char* name) const {
 
 namespace {
 
-template <typename F>
-void load(const zop_api& api, F& fn, const char* name) {
-    fn = reinterpret_cast<F>(api.sym(name));
-}
-
-void load_api(zop_api& api) {
-    load(api, api.api_version, "__zop_api_version");
-    load(api, api.api_fini, "__zop_api_fini");
-    load(api, api.domain_createA, "__zop_domain_createA");
-    load(api, api.domain_create, "__zop_domain_create");
-    load(api, api.string_handle_createA, "__zop_string_handle_createA");
-    load(api, api.string_handle_create, "__zop_string_handle_create");
-    load(api, api.id_create, "__zop_id_create");
-    load(api, api.id_destroy, "__zop_id_destroy");
-    load(api, api.task_begin, "__zop_task_begin");
-    load(api, api.task_begin_explicit, "__zop_task_begin_explicit");
-    load(api, api.task_begin_async, "__zop_task_begin_async");
-    load(api, api.task_end, "__zop_task_end");
-    load(api, api.task_end_explicit, "__zop_task_end_explicit");
-    load(api, api.task_end_async, "__zop_task_end_async");
-    load(api, api.region_begin, "__zop_region_begin");
-    load(api, api.region_end, "__zop_region_end");
-    load(api, api.task_group, "__zop_task_group");
-    load(api, api.relation_add, "__zop_relation_add");
-    load(api, api.metadata_add, "__zop_metadata_add");
-    load(api, api.metadata_str_addA, "__zop_metadata_str_addA");
-    load(api, api.metadata_str_add, "__zop_metadata_str_add");
+std::string temp_base() {
+    const char* base = getenv("TMPDIR");
+    return std::string(base && *base ? base : "/tmp");
 }
 
 std::string temp_file_path(const char* tag) {
-    const char* base = getenv("TMPDIR");
-    std::string path = std::string(base && *base ? base : "/tmp") + "/ryl_test_" + tag + "_XXXXXX";
+    std::string path = temp_base() + "/ryl_test_" + tag + "_XXXXXX";
     int fd = mkstemp(&path[0]);
     if (fd >= 0) close(fd);
     return path;
 }
 
-int decode_status(int status) {
-    if (WIFEXITED(status)) return WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-    return -1;
-}
-
 void redirect(int fd, const std::string& path) {
     int f = open(path.c_str(), O_WRONLY | O_TRUNC | O_CREAT, 0600);
-    if (f >= 0) {
-        dup2(f, fd);
-        close(f);
-    }
+    if (f >= 0) dup2(f, fd), close(f);
 }
 
-void apply_env(const std::vector<std::pair<std::string, std::string>>& set_env,
-               const std::vector<std::string>& unset_env) {
+// Forks; the child sets up its alarm, output, environment and directory and
+// runs body, which must not return. Returns the child's pid.
+pid_t fork_child(const std::string& out_path, const std::string& err_path,
+                 const std::vector<std::pair<std::string, std::string>>& set_env,
+                 const std::vector<std::string>& unset_env, const std::string& cwd, int timeout_seconds,
+                 const std::function<void()>& body) {
+    fflush(stdout);
+    fflush(stderr);
+    pid_t pid = fork();
+    if (pid != 0) return pid;
+    alarm(timeout_seconds);
+    redirect(1, out_path);
+    redirect(2, err_path);
     for (const auto& name : unset_env) unsetenv(name.c_str());
     for (const auto& kv : set_env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
+    if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(102);
+    body();
+    _exit(103);
 }
 
 // Waits for the child; one that outlives its own alarm (a sanitizer may hold
 // the signal back) is killed, so a hang fails the test instead of the run.
 child_result collect(pid_t pid, const std::string& out_path, const std::string& err_path, int timeout_seconds) {
-    child_result result;
     int status = 0;
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_seconds + 10);
     for (;;) {
@@ -106,7 +82,8 @@ child_result collect(pid_t pid, const std::string& out_path, const std::string& 
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    result.status = decode_status(status);
+    child_result result;
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
     result.out = read_file(out_path);
     result.err = read_file(err_path);
     unlink(out_path.c_str());
@@ -117,18 +94,9 @@ child_result collect(pid_t pid, const std::string& out_path, const std::string& 
 }  // namespace
 
 started_child start_child(const child_options& options, const std::function<void(zop_api&)>& body) {
-    started_child child;
-    child.out_path = temp_file_path("out");
-    child.err_path = temp_file_path("err");
-    fflush(stdout);
-    fflush(stderr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        alarm(options.timeout_seconds);
-        redirect(1, child.out_path);
-        redirect(2, child.err_path);
-        apply_env(options.set_env, options.unset_env);
-        if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0) _exit(102);
+    started_child child{-1, options.timeout_seconds, temp_file_path("out"), temp_file_path("err")};
+    child.pid = fork_child(child.out_path, child.err_path, options.set_env, options.unset_env, options.cwd,
+                           options.timeout_seconds, [&] {
         if (options.before_load) options.before_load();
         zop_api api;
         api.handle = dlopen(library_path(), RTLD_NOW | RTLD_LOCAL);
@@ -136,7 +104,14 @@ started_child start_child(const child_options& options, const std::function<void
             fprintf(stderr, "dlopen: %s\n", dlerror());
             _exit(100);
         }
-        load_api(api);
+#define RYL_LOAD(f) api.f = reinterpret_cast<decltype(api.f)>(api.sym("__zop_" #f));
+        RYL_LOAD(api_version) RYL_LOAD(api_fini) RYL_LOAD(domain_createA) RYL_LOAD(domain_create)
+        RYL_LOAD(string_handle_createA) RYL_LOAD(string_handle_create) RYL_LOAD(id_create) RYL_LOAD(id_destroy)
+        RYL_LOAD(task_begin) RYL_LOAD(task_begin_explicit) RYL_LOAD(task_begin_async) RYL_LOAD(task_end)
+        RYL_LOAD(task_end_explicit) RYL_LOAD(task_end_async) RYL_LOAD(region_begin) RYL_LOAD(region_end)
+        RYL_LOAD(task_group) RYL_LOAD(relation_add) RYL_LOAD(metadata_add) RYL_LOAD(metadata_str_addA)
+        RYL_LOAD(metadata_str_add)
+#undef RYL_LOAD
         body(api);
         fflush(stdout);
         if (options.unload) {
@@ -144,9 +119,7 @@ started_child start_child(const child_options& options, const std::function<void
             _exit(0);
         }
         exit(0);
-    }
-    child.pid = pid;
-    child.timeout_seconds = options.timeout_seconds;
+    });
     return child;
 }
 
@@ -163,47 +136,33 @@ child_result run_program(const std::vector<std::string>& argv,
                          const std::vector<std::string>& unset_env, const std::string& cwd,
                          int timeout_seconds) {
     std::string out_path = temp_file_path("out"), err_path = temp_file_path("err");
-    fflush(stdout);
-    fflush(stderr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        alarm(timeout_seconds);
-        redirect(1, out_path);
-        redirect(2, err_path);
-        apply_env(set_env, unset_env);
-        if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(102);
+    pid_t pid = fork_child(out_path, err_path, set_env, unset_env, cwd, timeout_seconds, [&] {
         std::vector<char*> args;
         for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
         args.push_back(nullptr);
         execvp(args[0], args.data());
         fprintf(stderr, "exec %s: %s\n", args[0], strerror(errno));
         _exit(127);
-    }
+    });
     return collect(pid, out_path, err_path, timeout_seconds);
 }
 
 temp_dir::temp_dir() {
-    const char* base = getenv("TMPDIR");
-    std::string templ = std::string(base && *base ? base : "/tmp") + "/ryl_dir_XXXXXX";
+    std::string templ = temp_base() + "/ryl_dir_XXXXXX";
     if (mkdtemp(&templ[0])) path = templ;
 }
 
 namespace {
 void remove_tree(const std::string& path) {
-    DIR* d = opendir(path.c_str());
-    if (d) {
-        while (dirent* e = readdir(d)) {
-            if (!strcmp(e->d_name, ".") || !strcmp(e->d_name, "..")) continue;
-            std::string child = path + "/" + e->d_name;
-            struct stat st;
-            if (lstat(child.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-                chmod(child.c_str(), 0700);
-                remove_tree(child);
-            } else {
-                unlink(child.c_str());
-            }
+    for (const std::string& name : list_dir(path)) {
+        std::string child = path + "/" + name;
+        struct stat st;
+        if (lstat(child.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+            chmod(child.c_str(), 0700);
+            remove_tree(child);
+        } else {
+            unlink(child.c_str());
         }
-        closedir(d);
     }
     rmdir(path.c_str());
 }
@@ -214,9 +173,8 @@ temp_dir::~temp_dir() {
 }
 
 std::string read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
 }
 
@@ -227,12 +185,11 @@ bool file_exists(const std::string& path) {
 
 std::vector<std::string> list_dir(const std::string& path) {
     std::vector<std::string> names;
-    DIR* d = opendir(path.c_str());
-    if (!d) return names;
-    while (dirent* e = readdir(d)) {
-        if (strcmp(e->d_name, ".") && strcmp(e->d_name, "..")) names.push_back(e->d_name);
+    if (DIR* d = opendir(path.c_str())) {
+        while (dirent* e = readdir(d))
+            if (strcmp(e->d_name, ".") && strcmp(e->d_name, "..")) names.push_back(e->d_name);
+        closedir(d);
     }
-    closedir(d);
     std::sort(names.begin(), names.end());
     return names;
 }

@@ -23,37 +23,21 @@ std::string record(const std::string& name, const std::string& fields) {
 std::string file_end() { return record("end_of_records") + "</trace>\n"; }
 
 namespace {
-bool all_digits(const std::string& s) {
-    if (s.empty()) return false;
-    for (char c : s)
-        if (c < '0' || c > '9') return false;
-    return true;
-}
+bool all_digits(const std::string& s) { return !s.empty() && s.find_first_not_of("0123456789") == std::string::npos; }
 
 std::vector<std::string> split_lines(const std::string& text, bool& ends_with_newline) {
     std::vector<std::string> lines;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t nl = text.find('\n', start);
-        if (nl == std::string::npos) {
-            lines.push_back(text.substr(start));
-            ends_with_newline = false;
-            return lines;
-        }
-        lines.push_back(text.substr(start, nl - start));
-        start = nl + 1;
-    }
-    ends_with_newline = true;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    ends_with_newline = text.empty() || text.back() == '\n';
     return lines;
 }
 
 // The text of "<field>x</field>", or false.
 bool field_text(const std::string& line, std::string& text) {
-    static const std::string open = "<field>", close = "</field>";
-    if (line.size() < open.size() + close.size() || line.compare(0, open.size(), open) != 0 ||
-        line.compare(line.size() - close.size(), close.size(), close) != 0)
+    if (line.size() < 15 || line.compare(0, 7, "<field>") != 0 || line.compare(line.size() - 8, 8, "</field>") != 0)
         return false;
-    text = line.substr(open.size(), line.size() - open.size() - close.size());
+    text = line.substr(7, line.size() - 15);
     return true;
 }
 }  // namespace
@@ -64,11 +48,8 @@ std::string mask_timestamps(const std::string& trace) {
     std::string out;
     for (size_t i = 0; i < lines.size(); ++i) {
         std::string text;
-        if (i >= 2 && lines[i - 2] == "<record>" && field_text(lines[i], text) && all_digits(text))
-            out += "<field>TS</field>";
-        else
-            out += lines[i];
-        if (i + 1 < lines.size() || nl) out += "\n";
+        bool ts = i >= 2 && lines[i - 2] == "<record>" && field_text(lines[i], text) && all_digits(text);
+        out += (ts ? "<field>TS</field>" : lines[i]) + (i + 1 < lines.size() || nl ? "\n" : "");
     }
     return out;
 }
