@@ -128,6 +128,7 @@ TEST(collector_directory, missing_vun_dir_diverts_to_standard_error) {
     std::string missing = dir.path + "/does/not/exist";
     child_result child = run_in_child({{{"VUN_DIR", missing}}}, [](zop_api& api) {
         api.id_create(nullptr, {1, 2, 3});
+        api.metadata_str_addA(nullptr, {4, 5, 6}, nullptr, "text", 4);
     });
     ASSERT_EQ(child.status, 0);
     EXPECT_EQ(child.out, "");
@@ -144,6 +145,11 @@ TEST(collector_directory, missing_vun_dir_diverts_to_standard_error) {
     expected += w + "<record>\n" + w + "<field>id_create</field>\n" + w + "<field>TS</field>\n" + w +
                 "<field>0</field>\n" + w + "<compound_field>\n<field>1</field>\n<field>2</field>\n<field>3</field>\n" +
                 "</compound_field>\n" + w + "</record>\n";
+    // A text field is one span too, however it is put together.
+    expected += w + "<record>\n" + w + "<field>metadata_stringA</field>\n" + w + "<field>TS</field>\n" + w +
+                "<field>0</field>\n" + w + "<compound_field>\n<field>4</field>\n<field>5</field>\n<field>6</field>\n" +
+                "</compound_field>\n" + w + "<field>0</field>\n" + w + "<field>4</field>\n" + w + "<field>text</field>\n" +
+                w + "</record>\n";
     for (int i = 0; i < pool; ++i) expected += finish();
     std::string err = std::regex_replace(child.err, std::regex(w + "<field>\\d{12,}</field>"), w + "<field>TS</field>");
     EXPECT_EQ(err, expected);

@@ -207,6 +207,23 @@ TEST(several_processes, later_run_reuses_names_of_ended_ones) {
     EXPECT_EQ(created_ids(parse_trace(read_file(dir.path + "/_ryl.0"))), std::vector<std::string>{"2,2"});
 }
 
+// A file written after this process loaded the library belongs to another
+// process of the run, even when no lock is held on it: its number is skipped.
+TEST(several_processes, newer_unlocked_file_is_skipped) {
+    temp_dir dir;
+    std::string newer = dir.path + "/_ryl." + std::to_string(pool);
+    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [&](zop_api& api) {
+        FILE* f = fopen(newer.c_str(), "w");
+        fputs("another process's records\n", f);
+        fclose(f);
+        for (int t = 0; t <= pool; ++t) std::thread([&api, t] { api.id_create(nullptr, {unsigned(t), 0, 0}); }).join();
+    });
+    ASSERT_EQ(child.status, 0);
+    EXPECT_EQ(read_file(newer), "another process's records\n");
+    std::string next = dir.path + "/_ryl." + std::to_string(pool + 1);
+    EXPECT_EQ(created_ids(parse_trace(read_file(next))), std::vector<std::string>{std::to_string(pool) + ",0"});
+}
+
 TEST(several_processes, same_second_without_vun_dir_gets_two_directories) {
     temp_dir cwd;
     child_options options;
