@@ -126,13 +126,6 @@ long long timestamp_now() {
     return static_cast<long long>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
 }
 
-trace_writer::trace_writer(int number, std::string dir, write_mode mode) : directory(std::move(dir)) {
-    std::lock_guard<std::mutex> lock(mutex);
-    path = directory + "/_ryl." + std::to_string(number);
-    fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    open_target(mode);
-}
-
 trace_writer::trace_writer(int file, std::string file_path, std::string dir, write_mode mode)
     : directory(std::move(dir)) {
     std::lock_guard<std::mutex> lock(mutex);

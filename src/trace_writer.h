@@ -29,12 +29,10 @@ enum class write_mode { stream, mapped };
 // On cache lines of its own: each thread writes its own writer's fields.
 class alignas(64) trace_writer {
 public:
-    // Creates "<directory>/_ryl.<number>" (emptying a file of that name) and
-    // writes the header. A file that cannot be created diverts the writer's
-    // text to standard error, each lock span preceded by a warning.
-    trace_writer(int number, std::string directory, write_mode mode = write_mode::stream);
-    // Writes into a file the caller has opened (and locked) already; fd < 0
-    // diverts to standard error.
+    // Writes the header into the trace file at `path`, which the collector
+    // has opened, locked and emptied. fd < 0 (the file could not be created)
+    // diverts the writer's text to standard error, each lock span preceded
+    // by a warning.
     trace_writer(int fd, std::string path, std::string directory, write_mode mode);
     ~trace_writer();
     trace_writer(const trace_writer&) = delete;
