@@ -175,12 +175,14 @@ trace_writer* ryl_collector::open_writer(int& number) {
             continue;
         }
         struct stat st;
-        if (fstat(fd, &st) == 0 && st.st_size > 0 &&
-            st.st_mtim.tv_sec * 1000000000LL + st.st_mtim.tv_nsec >= load_time) {
+        bool known = fstat(fd, &st) == 0;
+        if (known && st.st_size > 0 && st.st_mtim.tv_sec * 1000000000LL + st.st_mtim.tv_nsec >= load_time) {
             close(fd);
             continue;
         }
-        if (ftruncate(fd, 0) != 0) {
+        // An empty file is left alone: emptying it anyway would make ext4
+        // start writing the whole trace back when the file is closed.
+        if (!(known && st.st_size == 0) && ftruncate(fd, 0) != 0) {
             close(fd);
             return new trace_writer(-1, path, directory, mode);
         }

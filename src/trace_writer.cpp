@@ -41,10 +41,14 @@ namespace {
 
 const char warning_text[] = "WARNING NO OPEN FILE: ";
 
-// Mapped files grow by this much at a time. Small enough that reserving a
-// chunk stays well inside the page cache's dirty limits, large enough that
-// the two system calls per chunk do not count.
+// Mapped files grow by this much at a time, with one write of zeros. Larger
+// writes get large page-cache folios, which cost more per byte here.
 constexpr size_t chunk_size = 256 * 1024;
+// The file is mapped this much at a time: a new window (and the unmapping of
+// the old one, which interrupts every other CPU running the process to
+// flush its TLB) comes once per many chunks. Smaller where address space is
+// scarce.
+constexpr size_t window_size = sizeof(void*) >= 8 ? 64 * chunk_size : 4 * chunk_size;
 // Zeros for reserving chunks; in .bss, so it costs no space in the file.
 char zero_chunk[chunk_size];
 constexpr char field_open[] = "<field>";
@@ -143,7 +147,7 @@ void trace_writer::open_target(write_mode mode) {
     target = fd >= 0 ? target_state::file : target_state::diverted;
     if (fd >= 0 && mode == write_mode::mapped) {
         int error = 0;
-        if (map_next_chunk(error))
+        if (reserve_next_chunk(error))
             target = target_state::mapped;
         else
             unmap_to_stream(error);
@@ -158,7 +162,7 @@ void trace_writer::open_target(write_mode mode) {
 }
 
 trace_writer::~trace_writer() {
-    if (chunk) munmap(chunk, chunk_size);
+    unmap_window();
     if (fd >= 0) close(fd);
 }
 
@@ -204,10 +208,10 @@ void trace_writer::write_mapped(iovec* parts, int count) {
         const char* text = static_cast<const char*>(parts[i].iov_base);
         size_t size = parts[i].iov_len;
         while (size > 0) {
-            size_t room = size_t(chunk_offset + chunk_size - length);
+            size_t room = size_t(reserved - length);
             if (room == 0) {
                 int error = 0;
-                if (!map_next_chunk(error)) {
+                if (!reserve_next_chunk(error)) {
                     // The rest of the span, and everything after it, goes
                     // through ordinary writes from where the content ends.
                     unmap_to_stream(error);
@@ -219,7 +223,7 @@ void trace_writer::write_mapped(iovec* parts, int count) {
                 continue;
             }
             size_t n = size < room ? size : room;
-            copy_in_order(chunk + (length - chunk_offset), text, n);
+            copy_in_order(window + (length - window_offset), text, n);
             length += n;
             text += n;
             size -= n;
@@ -229,9 +233,10 @@ void trace_writer::write_mapped(iovec* parts, int count) {
 
 // Reserves the next chunk of the file by writing it full of zeros (which
 // allocates its blocks and brings its pages into the page cache in one call,
-// so a full disk shows here and never as SIGBUS on a store), then maps it.
-bool trace_writer::map_next_chunk(int& error) {
-    unsigned long long offset = chunk ? chunk_offset + chunk_size : 0;
+// so a full disk shows here and never as SIGBUS on a store), mapping a new
+// window when the chunk lies past the current one.
+bool trace_writer::reserve_next_chunk(int& error) {
+    unsigned long long offset = reserved;
     if (offset + chunk_size > size_limit) {
         error = EFBIG;
         return false;
@@ -245,15 +250,25 @@ bool trace_writer::map_next_chunk(int& error) {
         }
         done += size_t(n);
     }
-    void* mapping = mmap(nullptr, chunk_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, off_t(offset));
-    if (mapping == MAP_FAILED) {
-        error = errno;
-        return false;
+    if (!window || offset + chunk_size > window_offset + window_size) {
+        // Mapping past the end of the file is allowed; only the reserved
+        // part is ever touched.
+        void* mapping = mmap(nullptr, window_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, off_t(offset));
+        if (mapping == MAP_FAILED) {
+            error = errno;
+            return false;
+        }
+        unmap_window();
+        window = static_cast<char*>(mapping);
+        window_offset = offset;
     }
-    if (chunk) munmap(chunk, chunk_size);
-    chunk = static_cast<char*>(mapping);
-    chunk_offset = offset;
+    reserved = offset + chunk_size;
     return true;
+}
+
+void trace_writer::unmap_window() {
+    if (window) munmap(window, window_size);
+    window = nullptr;
 }
 
 // Leaves the mapping and goes on with ordinary writes at the end of the
@@ -263,8 +278,7 @@ void trace_writer::unmap_to_stream(int error) {
                        "; writing it with ordinary writes\n";
     ssize_t ignored = ::write(STDERR_FILENO, line.data(), line.size());
     (void)ignored;
-    if (chunk) munmap(chunk, chunk_size);
-    chunk = nullptr;
+    unmap_window();
     if (ftruncate(fd, off_t(length)) != 0 || lseek(fd, off_t(length), SEEK_SET) < 0) {
         stop_output(strerror(errno));
         return;
@@ -293,8 +307,8 @@ __attribute__((always_inline)) inline void format_span(trace_writer& w, F&& form
     char buf[MaxSize];
     size_t size = size_t(format(buf) - buf);
     std::lock_guard<std::mutex> lock(w.mutex);
-    if (w.target == trace_writer::target_state::mapped && w.chunk_offset + chunk_size - w.length >= size) {
-        copy_in_order(w.chunk + (w.length - w.chunk_offset), buf, size);
+    if (w.target == trace_writer::target_state::mapped && w.reserved - w.length >= size) {
+        copy_in_order(w.window + (w.length - w.window_offset), buf, size);
         w.length += size;
         return;
     }
@@ -339,9 +353,8 @@ void trace_writer::finish() {
     iovec span = piece(text, sizeof text - 1);
     std::lock_guard<std::mutex> lock(mutex);
     emit(&span, 1);
-    if (chunk) {
-        munmap(chunk, chunk_size);
-        chunk = nullptr;
+    if (window) {
+        unmap_window();
         // A finished file holds its content only, as in stream mode; should
         // the cut fail, the file keeps a zero-filled tail, as after a kill.
         int cut = ftruncate(fd, off_t(length));
@@ -353,8 +366,7 @@ void trace_writer::finish() {
 }
 
 void trace_writer::abandon() {
-    if (chunk) munmap(chunk, chunk_size);
-    chunk = nullptr;
+    unmap_window();
     if (fd >= 0) close(fd);
     fd = -1;
     target = target_state::closed;

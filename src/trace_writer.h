@@ -74,9 +74,12 @@ public:
     bool stopped = false;               // a write failed or the size limit came: drop the rest
     unsigned long long length = 0;      // bytes of content in the file
     unsigned long long size_limit = 0;  // the process's file size limit
-    // Mapped mode: the current chunk of the file and where it starts.
-    char* chunk = nullptr;
-    unsigned long long chunk_offset = 0;
+    // Mapped mode: a window of the file mapped at `window`, starting at file
+    // offset `window_offset`; the file is reserved (zero-filled) up to
+    // `reserved`, which never passes the window's end.
+    char* window = nullptr;
+    unsigned long long window_offset = 0;
+    unsigned long long reserved = 0;
     // The owning thread's "record in progress" flag, cleared by end_record.
     std::atomic<bool>* in_record = nullptr;
 
@@ -84,7 +87,8 @@ private:
     void open_target(write_mode mode);
     bool write_file(iovec* parts, int count);
     void write_mapped(iovec* parts, int count);
-    bool map_next_chunk(int& error);
+    bool reserve_next_chunk(int& error);
+    void unmap_window();
     void unmap_to_stream(int error);
     void stop_output(const char* why);
 };
