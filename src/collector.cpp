@@ -115,6 +115,7 @@ ryl_collector::ryl_collector() {
     if (const char* dir = getenv("VUN_DIR")) directory = dir;
     mode = mode_from_environment();
     load_time = timestamp_now();
+    enable_asymmetric_barriers();
     std::lock_guard<std::mutex> lock(mutex);
     if (unsigned n = std::thread::hardware_concurrency()) initial_writers = int(n);
     set_ryl_directory();
@@ -208,22 +209,26 @@ ryl_collector::~ryl_collector() {
     {
         std::lock_guard<std::mutex> lock(mutex);
         destroyed = true;
-        for (trace_writer_wrapper* wrapper : wrappers) wrapper->collector.store(nullptr);
+        for (trace_writer_wrapper* wrapper : wrappers) wrapper->collector.store(nullptr, std::memory_order_relaxed);
     }
+    heavy_barrier();
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
     std::lock_guard<std::mutex> lock(mutex);
     for (trace_writer_wrapper* wrapper : wrappers) {
         // One sight of the flag down is enough: any record the thread begins
         // afterwards sees the collector gone and leaves the writer alone.
-        bool idle = !wrapper->in_record.load();
+        bool idle = !wrapper->in_record.load(std::memory_order_acquire);
         while (!idle && std::chrono::steady_clock::now() < deadline) {
             std::this_thread::sleep_for(std::chrono::microseconds(50));
-            idle = !wrapper->in_record.load();
+            idle = !wrapper->in_record.load(std::memory_order_acquire);
         }
         trace_writer* writer = wrapper->thread_writer.exchange(nullptr);
         if (!writer) continue;
-        writer->finish();
-        // A thread stuck inside a record may still touch its writer: leave it.
+        // A thread stuck inside a record may still touch its writer: it is
+        // finished between the thread's spans (its later spans are dropped)
+        // and never freed. One stuck in the middle of a span is left alone.
+        if (idle || writer->claim(std::chrono::steady_clock::now() + std::chrono::milliseconds(100)))
+            writer->finish();
         if (idle) delete writer;
     }
     wrappers.clear();
@@ -269,6 +274,8 @@ trace_writer* ryl_collector::assign_writer(trace_writer_wrapper* wrapper) {
         }
     }
     writer->in_record = &wrapper->in_record;
+    // From here only this thread writes to it, until the collector claims it.
+    writer->shared.store(!asymmetric_barriers, std::memory_order_relaxed);
     wrapper->thread_writer.store(writer, std::memory_order_release);
     return writer;
 }
@@ -293,10 +300,16 @@ trace_writer* begin_record(__zop_record_t kind) {
     // Once the collector is gone the thread leaves its flag alone, so the
     // destructor's wait for it ends at once.
     if (!wrapper->collector.load(std::memory_order_relaxed)) return nullptr;
-    // A record already in progress on this thread: this one is dropped whole.
-    if (wrapper->in_record.exchange(true)) return nullptr;
+    // A record already in progress on this thread (a signal handler that
+    // interrupted it): this one is dropped whole. A handler running between
+    // the look and the raise writes its whole record before this one starts.
+    if (wrapper->in_record.load(std::memory_order_relaxed)) return nullptr;
+    wrapper->in_record.store(true, std::memory_order_relaxed);
+    // Flag up, then look at the collector; its destructor does the opposite,
+    // so either it waits for this record or this record sees it gone.
+    light_barrier();
     trace_writer* writer = wrapper->thread_writer.load(std::memory_order_acquire);
-    if (!wrapper->collector.load()) {
+    if (!wrapper->collector.load(std::memory_order_relaxed)) {
         wrapper->in_record.store(false, std::memory_order_release);
         return nullptr;
     }

@@ -2,8 +2,10 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/membarrier.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -37,7 +39,59 @@ const record_description record_descriptions[20] = {
     {"end_of_records", {}},
 };
 
+bool asymmetric_barriers = false;
+
+bool enable_asymmetric_barriers() {
+#if defined(__SANITIZE_THREAD__)
+    return false;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+    return false;
+#endif
+#endif
+    long commands = syscall(__NR_membarrier, MEMBARRIER_CMD_QUERY, 0, 0);
+    if (commands < 0 || !(commands & MEMBARRIER_CMD_PRIVATE_EXPEDITED)) return false;
+    asymmetric_barriers = syscall(__NR_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
+    return asymmetric_barriers;
+}
+
+void heavy_barrier() {
+    // Registered processes cannot be refused this command (a forked child
+    // inherits the registration).
+    if (asymmetric_barriers) syscall(__NR_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0);
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+}
+
 namespace {
+
+// One lock span: the writer's mutex, or for the owning thread of an
+// unshared writer only its mark (raised, then `shared` looked at again: a
+// claim in between sends the span to the mutex).
+class span_guard {
+public:
+    explicit span_guard(trace_writer& w) : writer(w) {
+        if (!w.shared.load(std::memory_order_relaxed)) {
+            w.owner_writing.store(true, std::memory_order_relaxed);
+            light_barrier();
+            if (!w.shared.load(std::memory_order_relaxed)) return;
+            w.owner_writing.store(false, std::memory_order_release);
+        }
+        w.mutex.lock();
+        locked = true;
+    }
+    ~span_guard() {
+        if (locked)
+            writer.mutex.unlock();
+        else
+            writer.owner_writing.store(false, std::memory_order_release);
+    }
+    span_guard(const span_guard&) = delete;
+    span_guard& operator=(const span_guard&) = delete;
+
+private:
+    trace_writer& writer;
+    bool locked = false;
+};
 
 const char warning_text[] = "WARNING NO OPEN FILE: ";
 
@@ -295,8 +349,21 @@ void trace_writer::stop_output(const char* why) {
 }
 
 void trace_writer::emit_span(const iovec* parts, int count) {
-    std::lock_guard<std::mutex> lock(mutex);
+    span_guard guard(*this);
     emit(parts, count);
+}
+
+bool trace_writer::claim(std::chrono::steady_clock::time_point deadline) {
+    if (shared.load(std::memory_order_relaxed)) return true;
+    shared.store(true, std::memory_order_relaxed);
+    // Pairs with the owner's light barrier between raising its mark and
+    // looking at `shared`: either it sees the claim or its mark shows here.
+    heavy_barrier();
+    while (owner_writing.load(std::memory_order_acquire)) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+    return true;
 }
 
 // Writes one lock span of at most MaxSize bytes made by format(out), which
@@ -306,7 +373,7 @@ template <size_t MaxSize, typename F>
 __attribute__((always_inline)) inline void format_span(trace_writer& w, F&& format) {
     char buf[MaxSize];
     size_t size = size_t(format(buf) - buf);
-    std::lock_guard<std::mutex> lock(w.mutex);
+    span_guard guard(w);
     if (w.target == trace_writer::target_state::mapped && w.reserved - w.length >= size) {
         copy_in_order(w.window + (w.length - w.window_offset), buf, size);
         w.length += size;
@@ -346,6 +413,9 @@ void trace_writer::end_record() {
 }
 
 void trace_writer::finish() {
+    // The caller made sure the owning thread is done with the writer, or
+    // claimed it.
+    shared.store(true, std::memory_order_relaxed);
     in_record = nullptr;
     write_begin_record(this, __zop_record_end_of_records);
     end_record();

@@ -3,6 +3,7 @@
 #include <sys/uio.h>
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <string>
 
@@ -21,6 +22,23 @@ struct record_description {
 
 // Indexed by __zop_record_t.
 extern const record_description record_descriptions[20];
+
+// Ordering between a thread's hot path and the rare party that meets it
+// there (the collector, finishing files). Where the kernel can run a full
+// barrier on every thread of the process on request (membarrier), the hot
+// side needs only a compiler barrier and the rare side pays the system call;
+// elsewhere both sides fence.
+extern bool asymmetric_barriers;
+// Registers the process for those barriers; false where the kernel (or a
+// sandbox) refuses, or under the thread sanitizer, which cannot see them.
+bool enable_asymmetric_barriers();
+inline void light_barrier() {
+    if (asymmetric_barriers)
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+    else
+        std::atomic_thread_fence(std::memory_order_seq_cst);
+}
+void heavy_barrier();
 
 // How trace files are written: one write call per lock span, or copies into
 // a shared mapping of the file.
@@ -54,6 +72,10 @@ public:
     // The end_of_records record and "</trace>", then the file is cut to its
     // content and closed. Later spans of this writer are dropped.
     void finish();
+    // Takes the writer from the thread that owns it, which may be in the
+    // middle of a span: afterwards every span, the owner's too, takes
+    // `mutex`. False when the owner is still inside its span at the deadline.
+    bool claim(std::chrono::steady_clock::time_point deadline);
     // Forgets the file without writing to it (a forked child's copy of its
     // parent's writer): the mapping and the descriptor go, the file stays.
     void abandon();
@@ -67,6 +89,10 @@ public:
     enum class target_state { file, mapped, diverted, closed };
 
     std::string directory;
+    // While `shared` is false only the owning thread writes, and its spans
+    // raise `owner_writing` instead of taking `mutex` (see claim).
+    std::atomic<bool> shared{true};
+    std::atomic<bool> owner_writing{false};
     std::mutex mutex;   // guards everything below
     std::string path;   // the trace file, for messages
     int fd = -1;
