@@ -229,7 +229,10 @@ ryl_collector::~ryl_collector() {
         // and never freed. One stuck in the middle of a span is left alone.
         if (idle || writer->claim(std::chrono::steady_clock::now() + std::chrono::milliseconds(100)))
             writer->finish();
-        if (idle) delete writer;
+        if (idle)
+            delete writer;
+        else
+            wrapper->thread_writer.store(writer);  // kept, as the wrapper is
     }
     wrappers.clear();
     for (trace_writer* writer : writer_pool) {
