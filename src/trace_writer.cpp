@@ -13,10 +13,21 @@
 #include <cstdint>
 #include <cstring>
 #include <thread>
+#include <type_traits>
 
 namespace writer {
 
-const record_description record_descriptions[20] = {
+namespace {
+
+// One row of the record catalogue: the name written as the record's first
+// field and the type codes of the fields its producer appends.
+struct record_description {
+    const char* name;
+    int field_types[5];
+};
+
+// Indexed by __zop_record_t.
+constexpr record_description record_descriptions[20] = {
     {"definition", {9, 9, 13, 9, 9}},
     {"api_version", {9, 13}},
     {"domain_createA", {3, 9, 13}},
@@ -38,6 +49,30 @@ const record_description record_descriptions[20] = {
     {"task_end_async", {3, 2}},
     {"end_of_records", {}},
 };
+
+// Record names in zero-padded words, for forward_writer::put_padded.
+struct padded_name {
+    char text[24];
+    size_t size;
+};
+struct padded_name_table {
+    padded_name rows[20];
+};
+constexpr padded_name_table make_padded_names() {
+    padded_name_table table{};
+    for (int i = 0; i < 20; ++i) {
+        const char* name = record_descriptions[i].name;
+        padded_name& row = table.rows[i];
+        while (name[row.size]) {
+            row.text[row.size] = name[row.size];
+            ++row.size;
+        }
+    }
+    return table;
+}
+constexpr padded_name_table padded_names = make_padded_names();
+
+}  // namespace
 
 bool asymmetric_barriers = false;
 
@@ -168,13 +203,112 @@ char* append(char* out, const char (&text)[N]) {
     return append(out, text, N - 1);
 }
 
-// "<field>" number "</field>\n"; the buffer holds at least 40 bytes.
-template <typename T>
-__attribute__((always_inline)) inline char* append_number_field(char* out, T value) {
-    out = append(out, field_open);
-    out = std::to_chars(out, out + 24, value).ptr;
-    return append(out, field_close);
+// A short constant text as words of eight bytes, the first byte lowest, so
+// that putting it compiles to a few constant stores.
+struct text_words {
+    uint64_t words[3];
+    unsigned size;
+};
+constexpr text_words words_of(const char* text) {
+    text_words t{};
+    for (; text[t.size]; ++t.size) t.words[t.size / 8] |= uint64_t(static_cast<unsigned char>(text[t.size])) << (8 * (t.size % 8));
+    return t;
 }
+constexpr text_words field_open_words = words_of("<field>");
+constexpr text_words field_close_words = words_of("</field>\n");
+constexpr text_words record_open_words = words_of("<record>\n");
+constexpr text_words record_close_words = words_of("</record>\n");
+constexpr text_words compound_open_words = words_of("<compound_field>\n");
+constexpr text_words compound_close_words = words_of("</compound_field>\n");
+
+// The eight decimal digits of v < 10^8, leading zeros included, as one word
+// with the first digit lowest, without the '0' added to each: two 4-digit
+// halves, then 2-digit quarters, then digits, each step in parallel lanes.
+inline uint64_t eight_digit_values(uint32_t v) {
+    uint64_t x = uint64_t(v / 10000) | (uint64_t(v % 10000) << 32);
+    uint64_t q = ((x * 10486) >> 20) & 0x0000007F0000007FULL;  // x / 100 in each 32-bit lane
+    x = q | ((x - q * 100) << 16);
+    q = ((x * 103) >> 10) & 0x000F000F000F000FULL;  // x / 10 in each 16-bit lane
+    return q | ((x - q * 10) << 8);
+}
+
+// Builds a lock span's text with 8-byte stores only, strictly front to back,
+// each holding final bytes (and zeros past the end of the text). Written
+// straight into a mapped file, a process killed at any instruction leaves a
+// prefix of the text followed by zeros. The target needs eight bytes of
+// room past the text.
+struct forward_writer {
+    char* out;
+    uint64_t pending = 0;  // bytes not stored yet, the first lowest
+    unsigned count = 0;    // how many (at most 7)
+
+    // `size` (1 to 8) bytes, the first lowest; the word is zero above them.
+    __attribute__((always_inline)) void put(uint64_t bytes, unsigned size) {
+        pending |= bytes << (8 * count);
+        count += size;
+        if (count >= 8) {
+            store();
+            out += 8;
+            count -= 8;
+            pending = count ? bytes >> (8 * (size - count)) : 0;
+        }
+    }
+    __attribute__((always_inline)) void put(const text_words& text) {
+        for (unsigned i = 0; i < text.size; i += 8) put(text.words[i / 8], text.size - i < 8 ? text.size - i : 8);
+    }
+    // Text whose storage can be read in whole words up to `size` rounded up.
+    __attribute__((always_inline)) void put_padded(const char* text, size_t size) {
+        for (size_t i = 0; i < size; i += 8) {
+            uint64_t word;
+            memcpy(&word, text + i, 8);
+            size_t n = size - i < 8 ? size - i : 8;
+            if (n < 8) word &= ~0ULL >> (64 - 8 * n);
+            put(word, unsigned(n));
+        }
+    }
+    __attribute__((always_inline)) void put_decimal(unsigned long long v) {
+        if (v < 100000000) {
+            put_leading(uint32_t(v));
+        } else if (v < 10000000000000000ULL) {
+            put_leading(uint32_t(v / 100000000));
+            put(eight_digit_values(uint32_t(v % 100000000)) | 0x3030303030303030ULL, 8);
+        } else {
+            unsigned long long rest = v % 10000000000000000ULL;
+            put_leading(uint32_t(v / 10000000000000000ULL));
+            put(eight_digit_values(uint32_t(rest / 100000000)) | 0x3030303030303030ULL, 8);
+            put(eight_digit_values(uint32_t(rest % 100000000)) | 0x3030303030303030ULL, 8);
+        }
+    }
+    // v < 10^8 without leading zeros (one digit for zero).
+    __attribute__((always_inline)) void put_leading(uint32_t v) {
+        uint64_t digits = eight_digit_values(v);
+        unsigned zeros = digits ? unsigned(__builtin_ctzll(digits)) / 8 : 7;
+        put((digits | 0x3030303030303030ULL) >> (8 * zeros), 8 - zeros);
+    }
+    // "<field>" number "</field>\n"
+    template <typename T>
+    __attribute__((always_inline)) void put_number_field(T value) {
+        put(field_open_words);
+        unsigned long long magnitude = static_cast<unsigned long long>(value);
+        if (std::is_signed<T>::value && value < T(0)) {
+            put('-', 1);
+            magnitude = 0ULL - magnitude;
+        }
+        put_decimal(magnitude);
+        put(field_close_words);
+    }
+    // Stores what is pending, zeros after it; returns the end of the text.
+    __attribute__((always_inline)) char* finish() {
+        store();
+        return out + count;
+    }
+    __attribute__((always_inline)) void store() {
+        memcpy(out, &pending, 8);
+        // Keeps the compiler from reordering the stores.
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+    }
+};
+
 
 }  // namespace
 
@@ -366,29 +500,32 @@ bool trace_writer::claim(std::chrono::steady_clock::time_point deadline) {
     return true;
 }
 
-// Writes one lock span of at most MaxSize bytes made by format(out), which
-// returns the end of what it wrote. It is formatted on the stack; a mapped
-// file with room takes it directly, anything else goes through emit.
+// Writes one lock span of at most MaxSize bytes made by format(out), a
+// forward_writer. A mapped file with room takes it in place; anything else
+// gets it formatted on the stack through emit.
 template <size_t MaxSize, typename F>
 __attribute__((always_inline)) inline void format_span(trace_writer& w, F&& format) {
-    char buf[MaxSize];
-    size_t size = size_t(format(buf) - buf);
     span_guard guard(w);
-    if (w.target == trace_writer::target_state::mapped && w.reserved - w.length >= size) {
-        copy_in_order(w.window + (w.length - w.window_offset), buf, size);
-        w.length += size;
+    if (w.target == trace_writer::target_state::mapped && w.reserved - w.length >= MaxSize + 8) {
+        char* to = w.window + (w.length - w.window_offset);
+        forward_writer out{to};
+        format(out);
+        w.length += size_t(out.finish() - to);
         return;
     }
-    iovec span = piece(buf, size);
+    char buf[MaxSize + 8];
+    forward_writer out{buf};
+    format(out);
+    iovec span = piece(buf, size_t(out.finish() - buf));
     w.emit(&span, 1);
 }
 
 void trace_writer::write(unsigned long long value) {
-    format_span<48>(*this, [value](char* out) { return append_number_field(out, value); });
+    format_span<40>(*this, [value](forward_writer& out) __attribute__((always_inline)) { out.put_number_field(value); });
 }
 
 void trace_writer::write(long long value) {
-    format_span<48>(*this, [value](char* out) { return append_number_field(out, value); });
+    format_span<40>(*this, [value](forward_writer& out) __attribute__((always_inline)) { out.put_number_field(value); });
 }
 
 void trace_writer::write(const char* text) {
@@ -398,17 +535,17 @@ void trace_writer::write(const char* text) {
 }
 
 void trace_writer::write(const __zop_id& id) {
-    format_span<200>(*this, [&id](char* out) {
-        out = append(out, "<compound_field>\n");
-        out = append_number_field(out, id.d1);
-        out = append_number_field(out, id.d2);
-        out = append_number_field(out, id.d3);
-        return append(out, "</compound_field>\n");
+    format_span<160>(*this, [&id](forward_writer& out) __attribute__((always_inline)) {
+        out.put(compound_open_words);
+        out.put_number_field(id.d1);
+        out.put_number_field(id.d2);
+        out.put_number_field(id.d3);
+        out.put(compound_close_words);
     });
 }
 
 void trace_writer::end_record() {
-    format_span<16>(*this, [](char* out) { return append(out, "</record>\n"); });
+    format_span<16>(*this, [](forward_writer& out) __attribute__((always_inline)) { out.put(record_close_words); });
     if (in_record) in_record->store(false, std::memory_order_release);
 }
 
@@ -444,14 +581,14 @@ void trace_writer::abandon() {
 
 void write_begin_record(trace_writer* writer, __zop_record_t kind) {
     if (!writer) return;
-    format_span<16>(*writer, [](char* out) { return append(out, "<record>\n"); });
+    format_span<16>(*writer, [](forward_writer& out) __attribute__((always_inline)) { out.put(record_open_words); });
     unsigned row = static_cast<unsigned>(kind);
-    const char* name = row < 20 ? record_descriptions[row].name : "";
-    size_t name_size = strlen(name);  // at most 21 bytes
-    format_span<48>(*writer, [name, name_size](char* out) {
-        out = append(out, field_open);
-        out = append(out, name, name_size);
-        return append(out, field_close);
+    const padded_name& name = padded_names.rows[row < 20 ? row : 19];
+    size_t name_size = row < 20 ? name.size : 0;
+    format_span<48>(*writer, [&name, name_size](forward_writer& out) __attribute__((always_inline)) {
+        out.put(field_open_words);
+        out.put_padded(name.text, name_size);
+        out.put(field_close_words);
     });
     // The clock is read outside the writer's lock.
     writer->write(static_cast<unsigned long long>(timestamp_now()));

@@ -13,16 +13,6 @@
 
 namespace writer {
 
-// One row of the record catalogue: the name written as the record's first
-// field and the type codes of the fields its producer appends.
-struct record_description {
-    const char* name;
-    int field_types[5];
-};
-
-// Indexed by __zop_record_t.
-extern const record_description record_descriptions[20];
-
 // Ordering between a thread's hot path and the rare party that meets it
 // there (the collector, finishing files). Where the kernel can run a full
 // barrier on every thread of the process on request (membarrier), the hot

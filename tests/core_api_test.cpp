@@ -70,6 +70,19 @@ const api_case api_cases[] = {
      [](const std::string& d, const std::string&) {
          return record("id_destroy", field(d) + id3(18446744073709551615ULL, 4294967296ULL, 255));
      }},
+    {"numbers_around_every_digit_count",
+     [](zop_api& a, ___zop_domain*, ___zop_string_handle*) {
+         for (unsigned long long power = 10, k = 1; k < 20; power *= 10, ++k)
+             a.id_create(nullptr, {power - 1, power, power + 1});
+         a.id_create(nullptr, {18446744073709551615ULL, 9999999999999999999ULL, 10000000000000000000ULL});
+     },
+     [](const std::string&, const std::string&) {
+         std::string records;
+         for (unsigned long long power = 10, k = 1; k < 20; power *= 10, ++k)
+             records += record("id_create", field(0) + id3(power - 1, power, power + 1));
+         return records + record("id_create", field(0) + id3(18446744073709551615ULL, 9999999999999999999ULL,
+                                                             10000000000000000000ULL));
+     }},
     {"task_begin",
      [](zop_api& a, ___zop_domain* d, ___zop_string_handle* h) { a.task_begin(d, {7, 0, 0}, null_id, h); },
      [](const std::string& d, const std::string& h) {
