@@ -149,7 +149,8 @@ iovec piece(const char* text) { return piece(text, strlen(text)); }
 // Writes every byte of the pieces, going on after short writes and signals.
 bool write_all(int fd, iovec* parts, int count) {
     while (count > 0) {
-        ssize_t n = writev(fd, parts, count);
+        // One piece (a formatted span, most of the time) needs no vector.
+        ssize_t n = count == 1 ? write(fd, parts->iov_base, parts->iov_len) : writev(fd, parts, count);
         if (n < 0) {
             if (errno == EINTR) continue;
             return false;
