@@ -489,15 +489,24 @@ void trace_writer::emit_span(const iovec* parts, int count) {
 }
 
 bool trace_writer::claim(std::chrono::steady_clock::time_point deadline) {
-    if (shared.load(std::memory_order_relaxed)) return true;
-    shared.store(true, std::memory_order_relaxed);
-    // Pairs with the owner's light barrier between raising its mark and
-    // looking at `shared`: either it sees the claim or its mark shows here.
-    heavy_barrier();
-    while (owner_writing.load(std::memory_order_acquire)) {
+    auto wait = [deadline] {
         if (std::chrono::steady_clock::now() >= deadline) return false;
         std::this_thread::sleep_for(std::chrono::microseconds(50));
+        return true;
+    };
+    if (!shared.load(std::memory_order_relaxed)) {
+        shared.store(true, std::memory_order_relaxed);
+        // Pairs with the owner's light barrier between raising its mark and
+        // looking at `shared`: either it sees the claim or its mark shows here.
+        heavy_barrier();
+        while (owner_writing.load(std::memory_order_acquire))
+            if (!wait()) return false;
     }
+    // A span in progress under the mutex (the owner's, where spans always
+    // take it) is waited for the same way.
+    while (!mutex.try_lock())
+        if (!wait()) return false;
+    mutex.unlock();
     return true;
 }
 
