@@ -168,6 +168,21 @@ bool write_all(int fd, iovec* parts, int count) {
     return true;
 }
 
+// Stores eight bytes into a mapped file, then keeps the compiler from moving
+// later stores before them. Where a word is two machine words, the lower
+// half goes first, so the bytes still land front to back.
+inline void store_in_order(char* to, uint64_t word) {
+    if (sizeof(void*) >= 8) {
+        memcpy(to, &word, 8);
+    } else {
+        uint32_t low = uint32_t(word), high = uint32_t(word >> 32);
+        memcpy(to, &low, 4);
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        memcpy(to + 4, &high, 4);
+    }
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+}
+
 // Copies into a mapped file strictly front to back, eight bytes at a time,
 // so that a process killed in the middle leaves a prefix of the text and
 // never later bytes behind a gap (number formatting, for one, fills its
@@ -184,14 +199,13 @@ void copy_in_order(char* to, const char* from, size_t size) {
     for (; from < last; to += 8, from += 8) {
         uint64_t word;
         memcpy(&word, from, 8);
-        memcpy(to, &word, 8);
-        std::atomic_signal_fence(std::memory_order_seq_cst);
+        store_in_order(to, word);
     }
     // The last eight bytes, overlapping what is written already with the
     // same bytes.
     uint64_t word;
     memcpy(&word, last, 8);
-    memcpy(to - (from - last), &word, 8);
+    store_in_order(to - (from - last), word);
 }
 
 // Appends text to a fixed buffer; returns the new end.
@@ -303,11 +317,7 @@ struct forward_writer {
         store();
         return out + count;
     }
-    __attribute__((always_inline)) void store() {
-        memcpy(out, &pending, 8);
-        // Keeps the compiler from reordering the stores.
-        std::atomic_signal_fence(std::memory_order_seq_cst);
-    }
+    __attribute__((always_inline)) void store() { store_in_order(out, pending); }
 };
 
 
