@@ -3,6 +3,7 @@
 // and bad settings. Every case runs in fresh processes.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -13,8 +14,10 @@
 
 #include <atomic>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <map>
+#include <new>
 #include <random>
 #include <regex>
 #include <set>
@@ -22,6 +25,18 @@
 
 #include "child.h"
 #include "trace_text.h"
+
+// Allocation failure on demand: while set (in a child), operator new throws,
+// also for the library, whose calls bind to this program's definition.
+std::atomic<bool> fail_allocations{false};
+
+void* operator new(std::size_t size) {
+    void* p = fail_allocations.load(std::memory_order_relaxed) ? nullptr : std::malloc(size ? size : 1);
+    if (!p) throw std::bad_alloc();
+    return p;
+}
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -104,7 +119,8 @@ TEST(killed_process, files_hold_every_returned_record) {
 
 // Output stops at the process's file size limit instead of raising SIGXFSZ;
 // in mapped mode the reservation fails first and the file goes on with
-// ordinary writes up to the limit.
+// ordinary writes up to the limit. Both happen in the middle of a record and
+// need no memory: they work while every allocation fails.
 TEST(full_disk, file_size_limit_stops_output_without_a_signal) {
     for (const char* mode : modes) {
         temp_dir dir;
@@ -114,7 +130,12 @@ TEST(full_disk, file_size_limit_stops_output_without_a_signal) {
             rlimit limit{300 * 1024, 300 * 1024};
             setrlimit(RLIMIT_FSIZE, &limit);
         };
-        child_result child = run_in_child(options, fill);
+        child_result child = run_in_child(options, [](zop_api& api) {
+            api.task_end(nullptr);  // the thread's writer is assigned
+            fail_allocations = true;
+            fill(api);
+            fail_allocations = false;
+        });
         ASSERT_EQ(child.status, 0) << mode << child.err;
         EXPECT_EQ(child.out, "done\n");
         std::string file = dir.path + "/_ryl.0";
@@ -130,6 +151,34 @@ TEST(full_disk, file_size_limit_stops_output_without_a_signal) {
         parsed_trace trace = parse_trace(text.substr(0, text.rfind("<record>\n")));
         EXPECT_TRUE(trace.ok) << trace.error;
     }
+}
+
+// Mapped mode, when the reservation fails and so does the switch to ordinary
+// writes (a sealed memory file, a little longer than what is reserved, that
+// can neither grow nor shrink): the file's output stops, its header stays.
+TEST(full_disk, failed_switch_to_ordinary_writes_leaves_the_file_alone) {
+    temp_dir dir;
+    static int memory_file = -1;
+    static std::string path = dir.path + "/_ryl.0";
+    child_options options{{{"VUN_DIR", dir.path}, {"VUN_MODE", "mapped"}}};
+    options.before_load = [] {
+        memory_file = memfd_create("trace", MFD_ALLOW_SEALING);
+        int ok = symlink(("/proc/self/fd/" + std::to_string(memory_file)).c_str(), path.c_str());
+        (void)ok;
+    };
+    child_result child = run_in_child(options, [](zop_api& api) {
+        api.task_end(nullptr);
+        if (ftruncate(memory_file, lseek(memory_file, 0, SEEK_END) + 100) != 0) _exit(90);
+        fcntl(memory_file, F_ADD_SEALS, F_SEAL_GROW | F_SEAL_SHRINK);
+        fill(api);
+        char head[23] = "";
+        printf("%d\n", pread(memory_file, head, 22, 0) == 22 && strcmp(head, "<?xml version=\"1.0\"?>\n") == 0);
+    });
+    ASSERT_EQ(child.status, 0) << child.err;
+    EXPECT_EQ(child.out, "done\n1\n");
+    EXPECT_EQ(child.err, "WARNING could not reserve space in " + path +
+                             ": Operation not permitted; writing it with ordinary writes\nWARNING write to " + path +
+                             " failed: Operation not permitted; its later records are dropped\n");
 }
 
 // A small file system filled up: the program ends normally, with one line
