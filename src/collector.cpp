@@ -1,5 +1,7 @@
 #include "collector.h"
 
+#include "run_directory.h"
+
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/file.h>
@@ -42,30 +44,6 @@ write_mode mode_from_environment() {
     if (strcmp(value, "mapped") == 0) return write_mode::mapped;
     print_line(stderr, std::string("WARNING unknown VUN_MODE '") + value + "': writing trace files in stream mode");
     return write_mode::stream;
-}
-
-// A VUN_DIR holding a percent sign is a pattern: %p the process id, %h the
-// host name, %% a percent sign; any other sequence stays as written.
-std::string expand_pattern(const std::string& pattern) {
-    std::string out;
-    for (size_t i = 0; i < pattern.size(); ++i) {
-        char next = i + 1 < pattern.size() ? pattern[i + 1] : '\0';
-        if (pattern[i] != '%' || (next != 'p' && next != 'h' && next != '%')) {
-            out += pattern[i];
-            continue;
-        }
-        ++i;
-        if (next == 'p') {
-            out += std::to_string(getpid());
-        } else if (next == 'h') {
-            char host[256] = "";
-            gethostname(host, sizeof host - 1);
-            out += host;
-        } else {
-            out += '%';
-        }
-    }
-    return out;
 }
 
 bool is_directory(const std::string& path) {
@@ -138,35 +116,12 @@ void ryl_collector::set_ryl_directory() {
     std::lock_guard<std::mutex> lock(directory_mutex);
     if (!directory.empty()) {
         if (directory.find('%') == std::string::npos) return;
-        directory = expand_pattern(directory);
+        directory = run_directory::expand_pattern(directory);
         if (mkdir(directory.c_str(), 0777) != 0 && !(errno == EEXIST && is_directory(directory)))
             report_mkdir_failure(directory);
         return;
     }
-    time_t now = time(nullptr);
-    tm local;
-    localtime_r(&now, &local);
-    char base[64];
-    strftime(base, sizeof base, "_vun_%Y%m%d_%H%M%S", &local);
-    // Each candidate is claimed by creating it: a name another process took
-    // (even in the same second) fails with EEXIST and the next one is tried.
-    directory = base;
-    if (mkdir(base, 0777) == 0) return;
-    if (errno == EEXIST) {
-        for (int counter = 0; counter < 1000; ++counter) {
-            char candidate[80];
-            snprintf(candidate, sizeof candidate, "%s_%03d", base, counter);
-            if (mkdir(candidate, 0777) == 0) {
-                directory = candidate;
-                return;
-            }
-            if (errno != EEXIST) {
-                directory = candidate;
-                break;
-            }
-        }
-    }
-    report_mkdir_failure(directory);
+    if (run_directory::create_fresh(directory) != 0) report_mkdir_failure(directory);
 }
 
 // Opens the trace file of `number`, or of the first later number whose file

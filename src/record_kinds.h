@@ -7,19 +7,20 @@
 namespace trace_format {
 
 // How a field is written.
-enum field_type : unsigned char {
-    id_field = 2,         // three 64-bit words as a compound field
-    u64_field = 3,        // decimal number
-    u8_field = 9,         // decimal number 0 to 255
-    text_field = 13,      // narrow string, byte for byte
-    wide_text_field = 14  // never written
+enum class field_type : unsigned char {
+    none = 0,
+    id = 2,         // three 64-bit words as a compound field
+    u64 = 3,        // decimal number
+    u8 = 9,         // decimal number 0 to 255
+    text = 13,      // narrow string, byte for byte
+    wide_text = 14  // never written
 };
 
 constexpr int max_fields = 6;
 
 struct record_kind {
     const char* name;
-    field_type fields[max_fields];  // in order; the list ends at the first 0
+    field_type fields[max_fields];  // in order; the list ends at the first none
     bool written;                   // false: the name is reserved, no call writes it
 };
 
@@ -33,33 +34,41 @@ enum record_kind_index {
 };
 
 constexpr record_kind record_kinds[kind_count] = {
-    {"definition", {u8_field, u8_field, text_field, u8_field, u8_field}, false},
-    {"api_version", {u8_field, text_field}, false},
-    {"domain_createA", {u64_field, u8_field, text_field}, true},
-    {"domain_createW", {u64_field, u8_field, wide_text_field}, false},
-    {"id_create", {u64_field, id_field}, true},
-    {"id_destroy", {u64_field, id_field}, true},
+    {"definition", {field_type::u8, field_type::u8, field_type::text, field_type::u8, field_type::u8}, false},
+    {"api_version", {field_type::u8, field_type::text}, false},
+    {"domain_createA", {field_type::u64, field_type::u8, field_type::text}, true},
+    {"domain_createW", {field_type::u64, field_type::u8, field_type::wide_text}, false},
+    {"id_create", {field_type::u64, field_type::id}, true},
+    {"id_destroy", {field_type::u64, field_type::id}, true},
     // domain, id, key, type, count, value
-    {"metadata", {u64_field, id_field, u64_field, u8_field, u64_field, u64_field}, true},
-    {"metadata_stringA", {u64_field, id_field, u64_field, u64_field, text_field}, true},
-    {"metadata_stringW", {u64_field, id_field, u64_field, u64_field, wide_text_field}, false},
-    {"relation", {u64_field, id_field, u8_field, id_field}, true},
-    {"string_handle_createA", {u64_field, u8_field, text_field}, true},
-    {"string_handle_createW", {u64_field, u8_field, wide_text_field}, false},
+    {"metadata",
+     {field_type::u64, field_type::id, field_type::u64, field_type::u8, field_type::u64, field_type::u64},
+     true},
+    {"metadata_stringA",
+     {field_type::u64, field_type::id, field_type::u64, field_type::u64, field_type::text},
+     true},
+    {"metadata_stringW",
+     {field_type::u64, field_type::id, field_type::u64, field_type::u64, field_type::wide_text},
+     false},
+    {"relation", {field_type::u64, field_type::id, field_type::u8, field_type::id}, true},
+    {"string_handle_createA", {field_type::u64, field_type::u8, field_type::text}, true},
+    {"string_handle_createW", {field_type::u64, field_type::u8, field_type::wide_text}, false},
     // domain, id, parent id, name, processor
-    {"task_begin", {u64_field, id_field, id_field, u64_field, u64_field}, true},
-    {"task_end", {u64_field}, true},
-    {"task_group", {u64_field, id_field, id_field, u64_field}, true},
-    {"region_begin", {u64_field, id_field, id_field, u64_field}, true},
-    {"region_end", {u64_field, id_field}, true},
-    {"task_begin_async", {u64_field, id_field, id_field, u64_field, u64_field}, true},
-    {"task_end_async", {u64_field, id_field}, true},
+    {"task_begin", {field_type::u64, field_type::id, field_type::id, field_type::u64, field_type::u64}, true},
+    {"task_end", {field_type::u64}, true},
+    {"task_group", {field_type::u64, field_type::id, field_type::id, field_type::u64}, true},
+    {"region_begin", {field_type::u64, field_type::id, field_type::id, field_type::u64}, true},
+    {"region_end", {field_type::u64, field_type::id}, true},
+    {"task_begin_async",
+     {field_type::u64, field_type::id, field_type::id, field_type::u64, field_type::u64},
+     true},
+    {"task_end_async", {field_type::u64, field_type::id}, true},
     {"end_of_records", {}, true},
 };
 
 constexpr int field_count(const record_kind& kind) {
     int n = 0;
-    while (n < max_fields && kind.fields[n]) ++n;
+    while (n < max_fields && kind.fields[n] != field_type::none) ++n;
     return n;
 }
 

@@ -51,22 +51,22 @@ ___zop_string_handle* make_handle(const char* name, ___zop_string_handle*) {
 
 // The field type that a value of each C++ type is written as.
 template <typename T>
-constexpr field_type type_of = field_type(0);
+constexpr field_type type_of = field_type::none;
 template <>
-constexpr field_type type_of<__zop_id> = trace_format::id_field;
+constexpr field_type type_of<__zop_id> = field_type::id;
 template <>
-constexpr field_type type_of<unsigned long long> = trace_format::u64_field;
+constexpr field_type type_of<unsigned long long> = field_type::u64;
 template <>
-constexpr field_type type_of<uint8_t> = trace_format::u8_field;
+constexpr field_type type_of<uint8_t> = field_type::u8;
 template <>
-constexpr field_type type_of<const char*> = trace_format::text_field;
+constexpr field_type type_of<const char*> = field_type::text;
 
 template <__zop_record_t Kind, typename... Fields>
 constexpr bool fields_match() {
-    constexpr field_type given[] = {type_of<Fields>..., field_type(0)};
+    constexpr field_type given[] = {type_of<Fields>..., field_type::none};
     const trace_format::record_kind& row = trace_format::record_kinds[Kind];
     for (int i = 0; i < trace_format::max_fields; ++i)
-        if (row.fields[i] != (i < int(sizeof...(Fields)) ? given[i] : field_type(0))) return false;
+        if (row.fields[i] != (i < int(sizeof...(Fields)) ? given[i] : field_type::none)) return false;
     return sizeof...(Fields) <= size_t(trace_format::max_fields);
 }
 

@@ -9,3 +9,5 @@ foreach(t core_api_test core_collector_test)
     PROPERTIES ENVIRONMENT VUN_MODE=mapped LABELS core-mapped-threads TIMEOUT 300)
 endforeach()
 ryl_add_test(core_robustness_test core_robustness_test.cpp LABELS core threads)
+# Expected records are built from the library's record catalogue.
+target_include_directories(ryl_test_support PUBLIC ${PROJECT_SOURCE_DIR}/src)
