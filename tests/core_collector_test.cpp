@@ -83,44 +83,38 @@ std::set<std::string> occupy(const std::string& cwd, int seconds, bool numbered)
     return bases;
 }
 
+// VUN_DIR unset or empty, the base names of the next seconds taken: the
+// "_000" candidate, whichever second the child starts in. Every candidate
+// taken as well: the base directory is used, with the mkdir warning.
 TEST(collector_directory, unset_or_empty_vun_dir_takes_next_free_name) {
-    for (bool empty : {false, true}) {
+    for (const std::string setting : {"unset", "empty", "all taken"}) {
         temp_dir cwd;
-        // The base names are taken, so the child must take the "_000"
-        // candidate whichever second it starts in.
-        std::set<std::string> bases = occupy(cwd.path, 4, false);
+        std::set<std::string> bases = occupy(cwd.path, 4, setting == "all taken");
         child_options options;
         options.cwd = cwd.path;
-        if (empty) options.set_env = {{"VUN_DIR", ""}};
+        if (setting == "empty") options.set_env = {{"VUN_DIR", ""}};
         else options.unset_env = {"VUN_DIR"};
         child_result child = run_in_child(options, [](zop_api& api) { api.task_end(nullptr); });
-        ASSERT_EQ(child.status, 0);
-        EXPECT_EQ(child.out, "");
-        std::vector<std::string> made;
-        for (const std::string& name : list_dir(cwd.path))
-            if (!bases.count(name)) made.push_back(name);
-        ASSERT_EQ(made.size(), 1u);
-        ASSERT_EQ(made[0].size(), 24u) << made[0];
-        EXPECT_TRUE(bases.count(made[0].substr(0, 20))) << made[0];
-        EXPECT_EQ(made[0].substr(20), "_000");
-        EXPECT_EQ(list_dir(cwd.path + "/" + made[0]), pool_names(pool));
+        ASSERT_EQ(child.status, 0) << setting;
+        std::string made;
+        if (setting == "all taken") {
+            std::smatch m;
+            ASSERT_TRUE(std::regex_match(child.out, m, std::regex("WARNING when issuing: mkdir (_vun_\\d{8}_\\d{6})\n")))
+                << child.out;
+            made = m[1].str();
+            EXPECT_TRUE(bases.count(made));
+        } else {
+            EXPECT_EQ(child.out, "");
+            for (const std::string& name : list_dir(cwd.path))
+                if (!bases.count(name)) made += name;
+            ASSERT_EQ(made.size(), 24u) << made;
+            EXPECT_TRUE(bases.count(made.substr(0, 20))) << made;
+            EXPECT_EQ(made.substr(20), "_000");
+            EXPECT_EQ(list_dir(cwd.path + "/" + made), pool_names(pool));
+        }
+        EXPECT_EQ(mask_timestamps(read_file(cwd.path + "/" + made + "/_ryl.0")),
+                  header_lines(hc) + record("task_end", field(0)) + file_end());
     }
-}
-
-TEST(collector_directory, all_candidates_taken_uses_base_with_warning) {
-    temp_dir cwd;
-    std::set<std::string> bases = occupy(cwd.path, 3, true);
-    child_options options;
-    options.cwd = cwd.path;
-    options.unset_env = {"VUN_DIR"};
-    child_result child = run_in_child(options, [](zop_api&) {});
-    ASSERT_EQ(child.status, 0);
-    std::smatch m;
-    ASSERT_TRUE(std::regex_match(child.out, m, std::regex("WARNING when issuing: mkdir (_vun_\\d{8}_\\d{6})\n")))
-        << child.out;
-    EXPECT_TRUE(bases.count(m[1].str()));
-    // The writers go into the existing base directory.
-    EXPECT_EQ(mask_timestamps(read_file(cwd.path + "/" + m[1].str() + "/_ryl.0")), unfinished_file());
 }
 
 TEST(collector_directory, missing_vun_dir_diverts_to_standard_error) {

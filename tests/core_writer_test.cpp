@@ -1,0 +1,52 @@
+// The trace writer on its own: the end of the run claims a writer whose
+// thread is still writing records and finishes it between two of its spans.
+// Run under the thread sanitizer (label threads) this also checks that the
+// two sides share nothing unsynchronised.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "child.h"
+#include "trace_text.h"
+#include "trace_writer.h"
+
+TEST(writer_claim, finished_while_its_thread_writes) {
+    temp_dir dir;
+    for (int round = 0; round < 20; ++round) {
+        std::string path = dir.path + "/_ryl." + std::to_string(round);
+        int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+        ASSERT_GE(fd, 0);
+        writer::trace_writer w(fd, path, dir.path, round % 2 ? writer::write_mode::mapped : writer::write_mode::stream);
+        w.shared = false;  // the owner's spans take no lock until the claim
+        std::atomic<unsigned long long> written{0};
+        std::thread owner([&] {
+            // After the finish the owner's spans are dropped.
+            for (unsigned long long i = 0; i < 20000; ++i) {
+                writer::write_begin_record(&w, __zop_record_id_create);
+                w.write(0ULL);
+                w.write(__zop_id{i, 0, 0});
+                w.end_record();
+                written = i + 1;
+            }
+        });
+        while (written < 100) std::this_thread::yield();
+        unsigned long long before_claim = written;
+        ASSERT_TRUE(w.claim(std::chrono::steady_clock::now() + std::chrono::seconds(5)));
+        w.finish();
+        owner.join();
+        // Whole records in order, maybe one cut short, then the end.
+        std::string text = read_file(path);
+        size_t end = text.rfind("<record>\n<field>end_of_records</field>\n");
+        ASSERT_NE(end, std::string::npos) << round;
+        EXPECT_EQ(text.compare(text.size() - 9, 9, "</trace>\n"), 0);
+        std::string records = text.substr(0, end);
+        parsed_trace trace = parse_trace(records);
+        if (!trace.ok) trace = parse_trace(records.substr(0, records.rfind("<record>\n")));
+        ASSERT_TRUE(trace.ok) << trace.error;
+        ASSERT_GE(trace.records.size(), before_claim);
+        for (size_t i = 0; i < trace.records.size(); ++i)
+            ASSERT_EQ(trace.records[i].fields[1], "{" + std::to_string(i) + ",0,0}");
+    }
+}
