@@ -14,6 +14,7 @@
 #include <regex>
 #include <set>
 #include <thread>
+#include <vector>
 
 #include "child.h"
 #include "trace_text.h"
@@ -239,8 +240,10 @@ TEST(collector_unload, dlclose_finishes_files_and_unmaps) {
 TEST(collector_late_events, during_and_after_the_end) {
     temp_dir dir;
     static zop_api* late_api;
-    static std::atomic<int> loop_state{0};  // 0 running, 1 asked to stop, 2 stopped
-    static std::atomic<int> starters_done{0};
+    static std::atomic<bool> stop{false};
+    // Joined, not detached, by the last exit handler (the thread sanitizer
+    // misreads the exit of detached threads).
+    static std::vector<std::thread>& threads = *new std::vector<std::thread>;
     static std::chrono::steady_clock::time_point exit_start;
     const int starters = 32;
     child_options options;
@@ -255,28 +258,26 @@ TEST(collector_late_events, during_and_after_the_end) {
                 printf("late handle %d\n", late_api->domain_createA("late") != nullptr);
             }).join();
             printf("exit stalled %d\n", took > std::chrono::milliseconds(500));
-            loop_state = 1;
-            while (loop_state != 2 || starters_done != starters) std::this_thread::yield();
+            stop = true;
+            for (std::thread& t : threads) t.join();
         });
     };
     child_result child = run_in_child(options, [&](zop_api& api) {
         late_api = &api;
         // Many names, so that destroying registries at exit would take a while.
         for (int i = 0; i < 20000; ++i) api.string_handle_createA(std::to_string(i).c_str());
-        std::thread([&api] {
-            for (unsigned long i = 0; loop_state == 0; ++i) {
+        threads.emplace_back([&api] {
+            for (unsigned long i = 0; !stop; ++i) {
                 api.domain_createA("loop");
                 api.id_create(nullptr, {i, 0, 0});
             }
-            loop_state = 2;
-        }).detach();
+        });
         static std::atomic<bool> go{false};
         for (int i = 0; i < starters; ++i)
-            std::thread([&api] {
+            threads.emplace_back([&api] {
                 while (!go) std::this_thread::yield();
                 api.task_end(nullptr);
-                ++starters_done;
-            }).detach();
+            });
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         go = true;
         exit_start = std::chrono::steady_clock::now();
