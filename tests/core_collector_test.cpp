@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -118,36 +119,41 @@ TEST(collector_directory, unset_or_empty_vun_dir_takes_next_free_name) {
     }
 }
 
-TEST(collector_directory, missing_vun_dir_diverts_to_standard_error) {
+// VUN_DIR naming a missing directory, a file, a path too long: every writer
+// diverts its text to standard error.
+TEST(collector_directory, unusable_vun_dir_diverts_to_standard_error) {
     temp_dir dir;
-    std::string missing = dir.path + "/does/not/exist";
-    child_result child = run_in_child({{{"VUN_DIR", missing}}}, [](zop_api& api) {
-        api.id_create(nullptr, {1, 2, 3});
-        api.metadata_str_addA(nullptr, {4, 5, 6}, nullptr, "text", 4);
-    });
-    ASSERT_EQ(child.status, 0);
-    EXPECT_EQ(child.out, "");
-    EXPECT_FALSE(file_exists(missing));
-    const std::string w = "WARNING NO OPEN FILE: ";
-    std::string header = w + header_lines(hc);
-    auto finish = [&] {
-        return w + "<record>\n" + w + "<field>end_of_records</field>\n" + w + "<field>TS</field>\n" + w +
-               "</record>\n" + w + "</trace>\n";
-    };
-    std::string expected;
-    for (int i = 0; i < pool; ++i) expected += header;
-    // One warning per lock span: the compound field's five lines have one.
-    expected += w + "<record>\n" + w + "<field>id_create</field>\n" + w + "<field>TS</field>\n" + w +
-                "<field>0</field>\n" + w + "<compound_field>\n<field>1</field>\n<field>2</field>\n<field>3</field>\n" +
-                "</compound_field>\n" + w + "</record>\n";
-    // A text field is one span too, however it is put together.
-    expected += w + "<record>\n" + w + "<field>metadata_stringA</field>\n" + w + "<field>TS</field>\n" + w +
-                "<field>0</field>\n" + w + "<compound_field>\n<field>4</field>\n<field>5</field>\n<field>6</field>\n" +
-                "</compound_field>\n" + w + "<field>0</field>\n" + w + "<field>4</field>\n" + w + "<field>text</field>\n" +
-                w + "</record>\n";
-    for (int i = 0; i < pool; ++i) expected += finish();
-    std::string err = std::regex_replace(child.err, std::regex(w + "<field>\\d{12,}</field>"), w + "<field>TS</field>");
-    EXPECT_EQ(err, expected);
+    std::string missing = dir.path + "/does/not/exist", file = dir.path + "/plain_file";
+    fclose(fopen(file.c_str(), "w"));
+    for (const std::string& vun_dir : {missing, file, dir.path + "/" + std::string(PATH_MAX + 10, 'x')}) {
+        child_result child = run_in_child({{{"VUN_DIR", vun_dir}}}, [](zop_api& api) {
+            api.id_create(nullptr, {1, 2, 3});
+            api.metadata_str_addA(nullptr, {4, 5, 6}, nullptr, "text", 4);
+        });
+        ASSERT_EQ(child.status, 0);
+        EXPECT_EQ(child.out, "");
+        EXPECT_FALSE(file_exists(missing));
+        const std::string w = "WARNING NO OPEN FILE: ";
+        std::string header = w + header_lines(hc);
+        auto finish = [&] {
+            return w + "<record>\n" + w + "<field>end_of_records</field>\n" + w + "<field>TS</field>\n" + w +
+                   "</record>\n" + w + "</trace>\n";
+        };
+        std::string expected;
+        for (int i = 0; i < pool; ++i) expected += header;
+        // One warning per lock span: the compound field's five lines have one.
+        expected += w + "<record>\n" + w + "<field>id_create</field>\n" + w + "<field>TS</field>\n" + w +
+                    "<field>0</field>\n" + w + "<compound_field>\n<field>1</field>\n<field>2</field>\n<field>3</field>\n" +
+                    "</compound_field>\n" + w + "</record>\n";
+        // A text field is one span too, however it is put together.
+        expected += w + "<record>\n" + w + "<field>metadata_stringA</field>\n" + w + "<field>TS</field>\n" + w +
+                    "<field>0</field>\n" + w + "<compound_field>\n<field>4</field>\n<field>5</field>\n<field>6</field>\n" +
+                    "</compound_field>\n" + w + "<field>0</field>\n" + w + "<field>4</field>\n" + w + "<field>text</field>\n" +
+                    w + "</record>\n";
+        for (int i = 0; i < pool; ++i) expected += finish();
+        std::string err = std::regex_replace(child.err, std::regex(w + "<field>\\d{12,}</field>"), w + "<field>TS</field>");
+        EXPECT_EQ(err, expected) << vun_dir.substr(0, 100);
+    }
 }
 
 // Threads that start one after another: the first ones take the pool in

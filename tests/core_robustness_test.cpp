@@ -64,14 +64,6 @@ void fill(zop_api& api) {
     printf("done\n");
 }
 
-// The ids {a, b, 0} of the id_create records of a trace, as "a,b".
-std::vector<std::string> created_ids(const parsed_trace& trace) {
-    std::vector<std::string> ids;
-    for (const parsed_record& r : trace.records)
-        if (r.name == "id_create") ids.push_back(r.fields[1].substr(1, r.fields[1].rfind(',') - 1));
-    return ids;
-}
-
 // A process killed at a random moment leaves, in every file, a header and
 // whole lines, the last maybe cut by the kill, then only zero bytes; every
 // record that had returned before the kill is there whole.
@@ -103,11 +95,7 @@ TEST(killed_process, files_hold_every_returned_record) {
             if (content == std::string::npos) content = text.size();
             EXPECT_EQ(text.find_first_not_of('\0', content), std::string::npos)
                 << mode << ": data after zeros at " << content << " of " << text.size();
-            // Keep whole lines: the last one may have been cut by the kill.
-            std::string whole = text.substr(0, text.rfind('\n', content - 1) + 1);
-            parsed_trace trace = parse_trace(whole);
-            // A record may be open at the end; cut at its start.
-            if (!trace.ok) trace = parse_trace(whole.substr(0, whole.rfind("<record>\n")));
+            parsed_trace trace = parse_whole_records(text);
             ASSERT_TRUE(trace.ok) << mode << ": " << trace.error;
             EXPECT_FALSE(trace.finished);
             std::vector<std::string> ids = created_ids(trace);
@@ -199,16 +187,6 @@ TEST(full_disk, small_file_system_fills_up) {
         for (const std::string& name : list_dir(dir.path)) unlink((dir.path + "/" + name).c_str());
     }
     umount(dir.path.c_str());
-}
-
-TEST(settings, unknown_mode_warns_and_streams) {
-    temp_dir dir;
-    child_result child =
-        run_in_child({{{"VUN_DIR", dir.path}, {"VUN_MODE", "fast"}}}, [](zop_api& api) { api.task_end(nullptr); });
-    ASSERT_EQ(child.status, 0);
-    EXPECT_EQ(child.err, "WARNING unknown VUN_MODE 'fast': writing trace files in stream mode\n");
-    EXPECT_EQ(mask_timestamps(read_file(dir.path + "/_ryl.0")),
-              header_lines(hc) + record("task_end", field(0)) + file_end());
 }
 
 // Processes that share VUN_DIR, side by side: nobody's file is truncated;
@@ -419,13 +397,7 @@ TEST(signal_handler, thread_held_inside_a_record_at_exit) {
                 EXPECT_TRUE(file.second.ok && file.second.finished) << file.first << ": " << file.second.error;
         // The held file: possibly finished behind a record cut short, possibly
         // (held in the middle of a line) left with a zero-filled tail.
-        std::string text = read_file(dir.path + "/_ryl.1");
-        text = text.substr(0, text.find('\0'));
-        size_t end = text.rfind("<record>\n<field>end_of_records</field>\n");
-        if (end != std::string::npos) text = text.substr(0, end);
-        text = text.substr(0, text.rfind('\n') + 1);
-        parsed_trace trace = parse_trace(text);
-        if (!trace.ok) trace = parse_trace(text.substr(0, text.rfind("<record>\n")));
+        parsed_trace trace = parse_whole_records(read_file(dir.path + "/_ryl.1"));
         ASSERT_TRUE(trace.ok) << trace.error;
         std::vector<std::string> ids = created_ids(trace);
         ASSERT_GE(ids.size(), size_t(1000 * (round + 1)));
@@ -435,21 +407,17 @@ TEST(signal_handler, thread_held_inside_a_record_at_exit) {
 
 // Settings and surroundings that cannot work: no crash, files diverted to
 // standard error, and the documented messages.
-TEST(settings, bad_run_directories) {
+TEST(settings, bad_settings_and_run_directories) {
     temp_dir dir;
-    std::string file = dir.path + "/plain_file";
-    fclose(fopen(file.c_str(), "w"));
-    std::string too_long = dir.path + "/" + std::string(PATH_MAX + 10, 'x');
-    struct row {
-        const char* what;
-        std::string vun_dir;
-    } rows[] = {{"a file", file}, {"longer than PATH_MAX", too_long}, {"a pattern longer than PATH_MAX", too_long + "%p"}};
-    for (const row& r : rows) {
-        child_result child =
-            run_in_child({{{"VUN_DIR", r.vun_dir}}}, [](zop_api& api) { api.task_end(nullptr); });
-        EXPECT_EQ(child.status, 0) << r.what;
-        EXPECT_NE(child.err.find("WARNING NO OPEN FILE: <record>\n"), std::string::npos) << r.what;
-    }
+    child_result mode =
+        run_in_child({{{"VUN_DIR", dir.path}, {"VUN_MODE", "fast"}}}, [](zop_api& api) { api.task_end(nullptr); });
+    EXPECT_EQ(mode.err, "WARNING unknown VUN_MODE 'fast': writing trace files in stream mode\n");
+    EXPECT_EQ(mask_timestamps(read_file(dir.path + "/_ryl.0")),
+              header_lines(hc) + record("task_end", field(0)) + file_end());
+    std::string too_long = dir.path + "/" + std::string(PATH_MAX + 10, 'x') + "%p";
+    child_result pattern = run_in_child({{{"VUN_DIR", too_long}}}, [](zop_api& api) { api.task_end(nullptr); });
+    EXPECT_EQ(pattern.status, 0);
+    EXPECT_NE(pattern.err.find("WARNING NO OPEN FILE: <record>\n"), std::string::npos);
     // A working directory that has gone: the run directory cannot be made.
     temp_dir cwd;
     child_options gone;

@@ -153,3 +153,20 @@ parsed_trace parse_trace(const std::string& text) {
     result.ok = true;
     return result;
 }
+
+parsed_trace parse_whole_records(const std::string& file) {
+    std::string text = file.substr(0, file.find('\0'));
+    size_t end = text.rfind("<record>\n<field>end_of_records</field>\n");
+    if (end != std::string::npos) text.resize(end);
+    text.resize(text.rfind('\n') + 1);  // a line cut short
+    parsed_trace trace = parse_trace(text);
+    if (!trace.ok) trace = parse_trace(text.substr(0, text.rfind("<record>\n")));  // a record cut short
+    return trace;
+}
+
+std::vector<std::string> created_ids(const parsed_trace& trace) {
+    std::vector<std::string> ids;
+    for (const parsed_record& r : trace.records)
+        if (r.name == "id_create") ids.push_back(r.fields[1].substr(1, r.fields[1].rfind(',') - 1));
+    return ids;
+}

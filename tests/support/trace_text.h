@@ -42,3 +42,9 @@ struct parsed_trace {
 
 // Reads trace file text line by line; stops at the first line that does not fit.
 parsed_trace parse_trace(const std::string& text);
+// The whole records of a file that may stop anywhere (a killed process, a
+// thread held inside a record when its file was finished): the text before
+// the first zero byte and before an end record, cut to whole records.
+parsed_trace parse_whole_records(const std::string& text);
+// The ids {a, b, c} of a trace's id_create records, as "a,b".
+std::vector<std::string> created_ids(const parsed_trace& trace);
