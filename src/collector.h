@@ -13,11 +13,11 @@ namespace writer {
 class ryl_collector {
 public:
     // The per-thread holder of a thread's writer. Never freed: a thread may
-    // still reach it after the collector is gone. A cache line of its own, so
+    // still reach it after its file is finished. A cache line of its own, so
     // that threads setting their flags do not slow each other down.
     struct alignas(64) trace_writer_wrapper {
         virtual ~trace_writer_wrapper() {}
-        std::atomic<ryl_collector*> collector{nullptr};     // null once the collector is destroyed
+        std::atomic<ryl_collector*> collector{nullptr};     // null once the files are finished
         std::atomic<trace_writer*> thread_writer{nullptr};  // null until the thread's first record
         // Set from the opening of a record until its end: a record begun
         // while it is set (a signal handler, a re-entry) is dropped, and the
@@ -43,9 +43,9 @@ public:
     trace_writer* open_writer(int& number);
     // In a forked child: drops the parent's writers without writing to them.
     void forget_parent_writers();
-    // A wrapper for the calling thread, registered; null once destroyed.
+    // A wrapper for the calling thread, registered; null once finished.
     trace_writer_wrapper* new_wrapper();
-    // Gives the wrapper a pooled or new writer; null once destroyed.
+    // Gives the wrapper a pooled or new writer; null once finished.
     trace_writer* assign_writer(trace_writer_wrapper* wrapper);
 
     std::mutex mutex;            // guards the fields below and the handle registries
