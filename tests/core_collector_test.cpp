@@ -25,8 +25,6 @@ namespace {
 const unsigned hc = std::thread::hardware_concurrency();
 const int pool = hc ? int(hc) : 8;
 
-std::string unfinished_file() { return header_lines(hc) + file_end(); }
-
 std::string ryl(const std::string& dir, int n) { return dir + "/_ryl." + std::to_string(n); }
 
 // "_ryl.0" to "_ryl.<count - 1>" and any extra name, sorted.
@@ -38,16 +36,19 @@ std::vector<std::string> pool_names(int count, const char* extra = nullptr) {
     return names;
 }
 
-TEST(collector_directory, vun_dir_existing_gets_the_pool_files) {
+// VUN_DIR names an existing directory: the pool files are made in it,
+// close-on-exec; a file of an earlier run is emptied, a number nobody opens
+// is kept. Threads that start one after another: the first ones take the
+// pool in order of their first records, later ones get new files; an ended
+// thread's file is never handed on.
+TEST(collector_directory, vun_dir_existing_and_files_in_emission_order) {
     temp_dir dir;
-    // A file of an earlier run is emptied; a number nobody opens is kept.
     FILE* old = fopen(ryl(dir.path, 0).c_str(), "w");
     fputs("old contents that are longer than a header line\n", old);
     fclose(old);
-    std::string keep = ryl(dir.path, 500);
-    fclose(fopen(keep.c_str(), "w"));
-    // Every trace file is opened close-on-exec.
-    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [](zop_api&) {
+    fclose(fopen(ryl(dir.path, 500).c_str(), "w"));
+    const int threads = pool + 2;
+    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [&](zop_api& api) {
         int trace_fds = 0, inheritable = 0;
         for (int fd = 0; fd < 1024; ++fd) {
             char link[64], target[4096];
@@ -58,12 +59,15 @@ TEST(collector_directory, vun_dir_existing_gets_the_pool_files) {
             inheritable += !(fcntl(fd, F_GETFD) & FD_CLOEXEC);
         }
         printf("%d %d\n", trace_fds, inheritable);
+        for (int i = 0; i < threads; ++i) std::thread([&api, i] { api.id_create(nullptr, {unsigned(i), 0, 0}); }).join();
     });
     ASSERT_EQ(child.status, 0);
     EXPECT_EQ(child.out, std::to_string(pool) + " 0\n");
     EXPECT_EQ(child.err, "");
-    EXPECT_EQ(list_dir(dir.path), pool_names(pool, "_ryl.500"));
-    for (int i = 0; i < pool; ++i) EXPECT_EQ(mask_timestamps(read_file(ryl(dir.path, i))), unfinished_file());
+    EXPECT_EQ(list_dir(dir.path), pool_names(threads, "_ryl.500"));
+    for (int i = 0; i < threads; ++i)
+        EXPECT_EQ(mask_timestamps(read_file(ryl(dir.path, i))),
+                  header_lines(hc) + record(trace_format::kind_id_create, {"0", std::to_string(i) + ",0,0"}) + file_end());
 }
 
 // Makes the run directory base names of the next seconds (and, with
@@ -154,22 +158,6 @@ TEST(collector_directory, unusable_vun_dir_diverts_to_standard_error) {
         std::string err = std::regex_replace(child.err, std::regex(w + "<field>\\d{12,}</field>"), w + "<field>TS</field>");
         EXPECT_EQ(err, expected) << vun_dir.substr(0, 100);
     }
-}
-
-// Threads that start one after another: the first ones take the pool in
-// order of their first records, later ones get new files; an ended thread's
-// file is never handed on.
-TEST(collector_threads, files_follow_first_emission_order) {
-    temp_dir dir;
-    const int threads = pool + 2;
-    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [&](zop_api& api) {
-        for (int i = 0; i < threads; ++i) std::thread([&api, i] { api.id_create(nullptr, {unsigned(i), 0, 0}); }).join();
-    });
-    ASSERT_EQ(child.status, 0);
-    EXPECT_EQ(list_dir(dir.path), pool_names(threads));
-    for (int i = 0; i < threads; ++i)
-        EXPECT_EQ(mask_timestamps(read_file(ryl(dir.path, i))),
-                  header_lines(hc) + record("id_create", field(0) + id_field(i, 0, 0)) + file_end());
 }
 
 // Many threads at once, many records each: every file complete, every
