@@ -200,8 +200,8 @@ TEST(collector_threads, concurrent_records_stay_whole) {
     EXPECT_EQ(seen.size(), size_t(threads));
 }
 
-// dlclose finishes every file and really unloads the library; loading it
-// again starts a fresh collector.
+// dlclose finishes every file and really unloads the library (the collector
+// lives in the library's own storage); loading it again starts a fresh one.
 TEST(collector_unload, dlclose_finishes_files_and_unmaps) {
     temp_dir dir, second;
     child_options options;
@@ -224,6 +224,8 @@ TEST(collector_unload, dlclose_finishes_files_and_unmaps) {
     std::string one_end = header_lines(hc) + record("task_end", field(0)) + file_end();
     for (const std::string& file : {ryl(dir.path, 0), ryl(dir.path, 1), ryl(second.path, 0)})
         EXPECT_EQ(mask_timestamps(read_file(file)), one_end) << file;
+    // The files nobody took are finished at the first unload too.
+    for (int i = 2; i < pool; ++i) EXPECT_EQ(mask_timestamps(read_file(ryl(dir.path, i))), header_lines(hc) + file_end());
 }
 
 // While the process exits, a thread goes on emitting and creating handles
