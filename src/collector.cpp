@@ -1,5 +1,7 @@
 #include "collector.h"
 
+#include "run_directory.h"
+
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/file.h>
@@ -44,33 +46,16 @@ write_mode mode_from_environment() {
     return write_mode::stream;
 }
 
-// A VUN_DIR holding a percent sign is a pattern: %p the process id, %h the
-// host name, %% a percent sign; any other sequence stays as written.
-std::string expand_pattern(const std::string& pattern) {
-    std::string out;
-    for (size_t i = 0; i < pattern.size(); ++i) {
-        char next = i + 1 < pattern.size() ? pattern[i + 1] : '\0';
-        if (pattern[i] != '%' || (next != 'p' && next != 'h' && next != '%')) {
-            out += pattern[i];
-            continue;
-        }
-        ++i;
-        if (next == 'p') {
-            out += std::to_string(getpid());
-        } else if (next == 'h') {
-            char host[256] = "";
-            gethostname(host, sizeof host - 1);
-            out += host;
-        } else {
-            out += '%';
-        }
-    }
-    return out;
-}
-
 bool is_directory(const std::string& path) {
     struct stat st;
     return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// Gives a writer to its thread; the caller holds the collector mutex. From
+// here only that thread writes to it, until finish_files claims it.
+void hand_over(trace_writer* writer, ryl_collector::trace_writer_wrapper* wrapper) {
+    writer->shared.store(!asymmetric_barriers, std::memory_order_relaxed);
+    wrapper->thread_writer.store(writer, std::memory_order_release);
 }
 
 // Fork handlers: the child must never write into, finish or truncate its
@@ -131,35 +116,12 @@ void ryl_collector::set_ryl_directory() {
     std::lock_guard<std::mutex> lock(directory_mutex);
     if (!directory.empty()) {
         if (directory.find('%') == std::string::npos) return;
-        directory = expand_pattern(directory);
+        directory = run_directory::expand_pattern(directory);
         if (mkdir(directory.c_str(), 0777) != 0 && !(errno == EEXIST && is_directory(directory)))
             report_mkdir_failure(directory);
         return;
     }
-    time_t now = time(nullptr);
-    tm local;
-    localtime_r(&now, &local);
-    char base[64];
-    strftime(base, sizeof base, "_vun_%Y%m%d_%H%M%S", &local);
-    // Each candidate is claimed by creating it: a name another process took
-    // (even in the same second) fails with EEXIST and the next one is tried.
-    directory = base;
-    if (mkdir(base, 0777) == 0) return;
-    if (errno == EEXIST) {
-        for (int counter = 0; counter < 1000; ++counter) {
-            char candidate[80];
-            snprintf(candidate, sizeof candidate, "%s_%03d", base, counter);
-            if (mkdir(candidate, 0777) == 0) {
-                directory = candidate;
-                return;
-            }
-            if (errno != EEXIST) {
-                directory = candidate;
-                break;
-            }
-        }
-    }
-    report_mkdir_failure(directory);
+    if (run_directory::create_fresh(directory) != 0) report_mkdir_failure(directory);
 }
 
 // Opens the trace file of `number`, or of the first later number whose file
@@ -203,18 +165,23 @@ void ryl_collector::forget_parent_writers() {
     writer_pool.clear();
 }
 
-ryl_collector::~ryl_collector() {
-    // Detach every thread first, then wait (briefly) for records in
-    // progress, so no thread writes into a file being finished or freed.
+void ryl_collector::finish_files() {
+    // Detach every thread and take the lists, then wait (briefly) for records
+    // in progress without the mutex, so that a thread whose first record
+    // needs it is never waited for while it waits for us.
+    std::list<trace_writer_wrapper*> threads;
+    std::list<trace_writer*> pool;
     {
         std::lock_guard<std::mutex> lock(mutex);
-        destroyed = true;
+        if (finished) return;
+        finished = true;
         for (trace_writer_wrapper* wrapper : wrappers) wrapper->collector.store(nullptr, std::memory_order_relaxed);
+        threads.swap(wrappers);
+        pool.swap(writer_pool);
     }
     heavy_barrier();
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
-    std::lock_guard<std::mutex> lock(mutex);
-    for (trace_writer_wrapper* wrapper : wrappers) {
+    for (trace_writer_wrapper* wrapper : threads) {
         // One sight of the flag down is enough: any record the thread begins
         // afterwards sees the collector gone and leaves the writer alone.
         bool idle = !wrapper->in_record.load(std::memory_order_acquire);
@@ -234,52 +201,49 @@ ryl_collector::~ryl_collector() {
         else
             wrapper->thread_writer.store(writer);  // kept, as the wrapper is
     }
-    wrappers.clear();
-    for (trace_writer* writer : writer_pool) {
+    for (trace_writer* writer : pool) {
         writer->finish();
         delete writer;
     }
-    writer_pool.clear();
 }
 
 ryl_collector::trace_writer_wrapper* ryl_collector::new_wrapper() {
     collector_lock lock(this);
-    if (!lock.mutex || destroyed) return nullptr;
+    if (!lock.mutex || finished) return nullptr;
     auto* wrapper = new trace_writer_wrapper;
     wrapper->collector.store(this);
     wrappers.push_back(wrapper);
     return wrapper;
 }
 
+// A writer reaches the wrapper only under the mutex and before the end, so
+// finish_files finds every writer that was handed out.
 trace_writer* ryl_collector::assign_writer(trace_writer_wrapper* wrapper) {
     trace_writer* writer = nullptr;
     int number = 0;
     {
         collector_lock lock(this);
-        if (!lock.mutex || destroyed) return nullptr;
-        // One lock whether the pool has a writer or a new number is taken,
-        // so the pool's emptiness is never looked at without it.
+        if (!lock.mutex || finished) return nullptr;
         if (!writer_pool.empty()) {
             writer = writer_pool.front();
             writer_pool.pop_front();
-        } else {
-            number = next_file_number++;
+            hand_over(writer, wrapper);
+            return writer;
         }
+        number = next_file_number++;
     }
-    if (!writer) {
-        // A new file is created and its header written outside the collector
-        // lock; numbers owned by other processes are skipped.
-        int first = number;
-        writer = open_writer(number);
-        if (number != first) {
-            collector_lock lock(this);
-            if (lock.mutex && next_file_number <= number) next_file_number = number + 1;
-        }
+    // A new file is created and its header written outside the collector
+    // lock; numbers owned by other processes are skipped.
+    writer = open_writer(number);
+    collector_lock lock(this);
+    if (lock.mutex && next_file_number <= number) next_file_number = number + 1;
+    if (!lock.mutex || finished) {
+        // Too late: the file is finished at once, empty.
+        writer->finish();
+        delete writer;
+        return nullptr;
     }
-    writer->in_record = &wrapper->in_record;
-    // From here only this thread writes to it, until the collector claims it.
-    writer->shared.store(!asymmetric_barriers, std::memory_order_relaxed);
-    wrapper->thread_writer.store(writer, std::memory_order_release);
+    hand_over(writer, wrapper);
     return writer;
 }
 
@@ -288,47 +252,42 @@ bool thread_in_record() {
     return wrapper && wrapper->in_record.load(std::memory_order_relaxed);
 }
 
-trace_writer* begin_record(__zop_record_t kind) {
+open_record::open_record(__zop_record_t kind) {
     ryl_collector* collector = get_ftc();
     ryl_collector::trace_writer_wrapper* wrapper = current_wrapper;
     if (!wrapper) {
         try {
             wrapper = collector->new_wrapper();
         } catch (...) {
-            return nullptr;
+            return;
         }
-        if (!wrapper) return nullptr;
+        if (!wrapper) return;
         current_wrapper = wrapper;
     }
     // Once the collector is gone the thread leaves its flag alone, so the
-    // destructor's wait for it ends at once.
-    if (!wrapper->collector.load(std::memory_order_relaxed)) return nullptr;
+    // end's wait for it ends at once.
+    if (!wrapper->collector.load(std::memory_order_relaxed)) return;
     // A record already in progress on this thread (a signal handler that
     // interrupted it): this one is dropped whole. A handler running between
     // the look and the raise writes its whole record before this one starts.
-    if (wrapper->in_record.load(std::memory_order_relaxed)) return nullptr;
+    if (wrapper->in_record.load(std::memory_order_relaxed)) return;
     wrapper->in_record.store(true, std::memory_order_relaxed);
-    // Flag up, then look at the collector; its destructor does the opposite,
+    in_record.flag = &wrapper->in_record;
+    // Flag up, then look at the collector; finish_files does the opposite,
     // so either it waits for this record or this record sees it gone.
     light_barrier();
-    trace_writer* writer = wrapper->thread_writer.load(std::memory_order_acquire);
-    if (!wrapper->collector.load(std::memory_order_relaxed)) {
-        wrapper->in_record.store(false, std::memory_order_release);
-        return nullptr;
-    }
-    if (!writer) {
+    if (!wrapper->collector.load(std::memory_order_relaxed)) return;
+    trace_writer* w = wrapper->thread_writer.load(std::memory_order_acquire);
+    if (!w) {
         try {
-            writer = collector->assign_writer(wrapper);
+            w = collector->assign_writer(wrapper);
         } catch (...) {
-            writer = nullptr;
+            return;
         }
+        if (!w) return;
     }
-    if (!writer) {
-        wrapper->in_record.store(false, std::memory_order_release);
-        return nullptr;
-    }
-    write_begin_record(writer, kind);
-    return writer;
+    write_begin_record(w, kind);
+    writer = w;
 }
 
 }  // namespace writer

@@ -8,15 +8,14 @@
 
 namespace internal {
 
-extern std::unordered_map<std::string, ___zop_domain*> domain_map;
-extern std::unordered_map<std::string, ___zop_string_handle*> string_handle_map;
-// No entry point takes wide names: these two stay empty.
-extern std::unordered_map<std::wstring, ___zop_domain*> domainW_map;
-extern std::unordered_map<std::wstring, ___zop_string_handle*> string_handleW_map;
+struct handle_registries {
+    std::unordered_map<std::string, ___zop_domain*> domains;
+    std::unordered_map<std::string, ___zop_string_handle*> string_handles;
+};
 
-// True from the registries' construction to the start of their destruction;
-// read and written under the collector mutex.
-extern bool registries_open;
+// Built at load right after the collector and, like it, never destroyed: a
+// handle created while the process exits is registered as any other.
+handle_registries& registries();
 
 extern const char api_version[];
 

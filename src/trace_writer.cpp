@@ -1,5 +1,7 @@
 #include "trace_writer.h"
 
+#include "record_kinds.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/membarrier.h>
@@ -17,38 +19,12 @@
 
 namespace writer {
 
+// The row numbers of the catalogue are the values of __zop_record_t.
+static_assert(int(__zop_record_end_of_records) == trace_format::kind_end_of_records &&
+                  trace_format::kind_count == 20,
+              "record kinds and __zop_record_t differ");
+
 namespace {
-
-// One row of the record catalogue: the name written as the record's first
-// field and the type codes of the fields its producer appends.
-struct record_description {
-    const char* name;
-    int field_types[5];
-};
-
-// Indexed by __zop_record_t.
-constexpr record_description record_descriptions[20] = {
-    {"definition", {9, 9, 13, 9, 9}},
-    {"api_version", {9, 13}},
-    {"domain_createA", {3, 9, 13}},
-    {"domain_createW", {3, 9, 14}},
-    {"id_create", {3, 2}},
-    {"id_destroy", {3, 2}},
-    {"metadata", {3, 2, 3, 9, 3}},
-    {"metadata_stringA", {3, 2, 3, 3, 13}},
-    {"metadata_stringW", {3, 2, 3, 3, 14}},
-    {"relation", {3, 2, 9, 2}},
-    {"string_handle_createA", {3, 9, 13}},
-    {"string_handle_createW", {3, 9, 14}},
-    {"task_begin", {3, 2, 2, 3, 3}},
-    {"task_end", {3}},
-    {"task_group", {3, 2, 2, 3}},
-    {"region_begin", {3, 2, 2, 3}},
-    {"region_end", {3, 2}},
-    {"task_begin_async", {3, 2, 2, 3, 3}},
-    {"task_end_async", {3, 2}},
-    {"end_of_records", {}},
-};
 
 // Record names in zero-padded words, for forward_writer::put_padded.
 struct padded_name {
@@ -56,12 +32,12 @@ struct padded_name {
     size_t size;
 };
 struct padded_name_table {
-    padded_name rows[20];
+    padded_name rows[trace_format::kind_count];
 };
 constexpr padded_name_table make_padded_names() {
     padded_name_table table{};
-    for (int i = 0; i < 20; ++i) {
-        const char* name = record_descriptions[i].name;
+    for (int i = 0; i < trace_format::kind_count; ++i) {
+        const char* name = trace_format::record_kinds[i].name;
         padded_name& row = table.rows[i];
         while (name[row.size]) {
             row.text[row.size] = name[row.size];
@@ -414,6 +390,9 @@ void trace_writer::write_mapped(iovec* parts, int count) {
                     // The rest of the span, and everything after it, goes
                     // through ordinary writes from where the content ends.
                     unmap_to_stream(error);
+                    // Unless that failed too: the descriptor is not at the
+                    // end of the content then.
+                    if (target != target_state::file) return;
                     parts[i].iov_base = const_cast<char*>(text);
                     parts[i].iov_len = size;
                     write_file(parts + i, count - i);
@@ -473,10 +452,9 @@ void trace_writer::unmap_window() {
 // Leaves the mapping and goes on with ordinary writes at the end of the
 // content, after cutting off the reserved tail.
 void trace_writer::unmap_to_stream(int error) {
-    std::string line = "WARNING could not reserve space in " + path + ": " + strerror(error) +
-                       "; writing it with ordinary writes\n";
-    ssize_t ignored = ::write(STDERR_FILENO, line.data(), line.size());
-    (void)ignored;
+    iovec line[] = {piece("WARNING could not reserve space in "), piece(path.c_str()), piece(": "),
+                    piece(strerror(error)), piece("; writing it with ordinary writes\n")};
+    write_all(STDERR_FILENO, line, 5);
     unmap_window();
     if (ftruncate(fd, off_t(length)) != 0 || lseek(fd, off_t(length), SEEK_SET) < 0) {
         stop_output(strerror(errno));
@@ -485,12 +463,13 @@ void trace_writer::unmap_to_stream(int error) {
     target = target_state::file;
 }
 
-// Reports a failed file once; the writer drops its later output.
+// Reports a failed file once; the writer drops its later output. Allocates
+// nothing: it runs in the middle of a record.
 void trace_writer::stop_output(const char* why) {
     stopped = true;
-    std::string line = "WARNING write to " + path + " failed: " + why + "; its later records are dropped\n";
-    ssize_t ignored = ::write(STDERR_FILENO, line.data(), line.size());
-    (void)ignored;
+    iovec line[] = {piece("WARNING write to "), piece(path.c_str()), piece(" failed: "), piece(why),
+                    piece("; its later records are dropped\n")};
+    write_all(STDERR_FILENO, line, 5);
 }
 
 void trace_writer::emit_span(const iovec* parts, int count) {
@@ -566,20 +545,23 @@ void trace_writer::write(const __zop_id& id) {
 
 void trace_writer::end_record() {
     format_span<16>(*this, [](forward_writer& out) __attribute__((always_inline)) { out.put(record_close_words); });
-    if (in_record) in_record->store(false, std::memory_order_release);
 }
 
 void trace_writer::finish() {
     // The caller made sure the owning thread is done with the writer, or
-    // claimed it.
+    // claimed it: then the owner's later spans take the mutex, and the end
+    // goes out under one hold of it, so none of them lands inside the end.
     shared.store(true, std::memory_order_relaxed);
-    in_record = nullptr;
-    write_begin_record(this, __zop_record_end_of_records);
-    end_record();
-    static const char text[] = "</trace>\n";
-    iovec span = piece(text, sizeof text - 1);
+    char stamp[48];
+    forward_writer out{stamp};
+    out.put_number_field(static_cast<unsigned long long>(timestamp_now()));
+    const iovec lines[] = {piece("<record>\n"), piece("<field>end_of_records</field>\n"),
+                           piece(stamp, size_t(out.finish() - stamp)), piece("</record>\n"),
+                           piece("</trace>\n")};
     std::lock_guard<std::mutex> lock(mutex);
-    emit(&span, 1);
+    // Line by line, as each would be written on its own (a diverted writer
+    // marks each with its warning).
+    for (const iovec& line : lines) emit(&line, 1);
     if (window) {
         unmap_window();
         // A finished file holds its content only, as in stream mode; should
@@ -603,8 +585,8 @@ void write_begin_record(trace_writer* writer, __zop_record_t kind) {
     if (!writer) return;
     format_span<16>(*writer, [](forward_writer& out) __attribute__((always_inline)) { out.put(record_open_words); });
     unsigned row = static_cast<unsigned>(kind);
-    const padded_name& name = padded_names.rows[row < 20 ? row : 19];
-    size_t name_size = row < 20 ? name.size : 0;
+    const padded_name& name = padded_names.rows[row < trace_format::kind_count ? row : 0];
+    size_t name_size = row < trace_format::kind_count ? name.size : 0;
     format_span<48>(*writer, [&name, name_size](forward_writer& out) __attribute__((always_inline)) {
         out.put(field_open_words);
         out.put_padded(name.text, name_size);

@@ -57,7 +57,7 @@ public:
     void write(const char* text);
     // An id as one compound field (five lines, one span).
     void write(const __zop_id& id);
-    // "</record>"; also ends the owning thread's record in progress.
+    // "</record>".
     void end_record();
     // The end_of_records record and "</trace>", then the file is cut to its
     // content and closed. Later spans of this writer are dropped.
@@ -96,8 +96,6 @@ public:
     char* window = nullptr;
     unsigned long long window_offset = 0;
     unsigned long long reserved = 0;
-    // The owning thread's "record in progress" flag, cleared by end_record.
-    std::atomic<bool>* in_record = nullptr;
 
 private:
     void open_target(write_mode mode);

@@ -13,6 +13,8 @@
 
 namespace {
 
+using namespace trace_format;
+
 // What a case emits and what it must leave between the header and the end.
 struct api_case {
     const char* name;
@@ -51,24 +53,23 @@ case_output run_case(void (*emit)(zop_api&, ___zop_domain*, ___zop_string_handle
     result.d = d, result.h = h;
     result.trace = mask_timestamps(read_file(dir.path + "/_ryl.0"));
     result.prefix = header_lines(std::thread::hardware_concurrency()) +
-                    record("domain_createA", field(result.d) + field(1) + field("d")) +
-                    record("string_handle_createA", field(result.h) + field(1) + field("h"));
+                    record(kind_domain_createA, {result.d, "1", "d"}) +
+                    record(kind_string_handle_createA, {result.h, "1", "h"});
     return result;
 }
 
-const auto id3 = id_field;
-
 const __zop_id id7{7, 0, 1};
 const __zop_id null_id{0, 0, 0};
-const __zop_id big_id{18446744073709551615ULL, 4294967296ULL, 255};
 
 const api_case api_cases[] = {
-    {"id_create", [](zop_api& a, ___zop_domain* d, ___zop_string_handle*) { a.id_create(d, id7); },
-     [](const std::string& d, const std::string&) { return record("id_create", field(d) + id3(7, 0, 1)); }},
-    {"id_destroy_full_words",
-     [](zop_api& a, ___zop_domain* d, ___zop_string_handle*) { a.id_destroy(d, big_id); },
+    {"ids_full_words",
+     [](zop_api& a, ___zop_domain* d, ___zop_string_handle*) {
+         a.id_create(d, id7);
+         a.id_destroy(d, {18446744073709551615ULL, 4294967296ULL, 255});
+     },
      [](const std::string& d, const std::string&) {
-         return record("id_destroy", field(d) + id3(18446744073709551615ULL, 4294967296ULL, 255));
+         return record(kind_id_create, {d, "7,0,1"}) +
+                record(kind_id_destroy, {d, "18446744073709551615,4294967296,255"});
      }},
     {"numbers_around_every_digit_count",
      [](zop_api& a, ___zop_domain*, ___zop_string_handle*) {
@@ -79,111 +80,82 @@ const api_case api_cases[] = {
      [](const std::string&, const std::string&) {
          std::string records;
          for (unsigned long long power = 10, k = 1; k < 20; power *= 10, ++k)
-             records += record("id_create", field(0) + id3(power - 1, power, power + 1));
-         return records + record("id_create", field(0) + id3(18446744073709551615ULL, 9999999999999999999ULL,
-                                                             10000000000000000000ULL));
+             records += record(kind_id_create, {"0", std::to_string(power - 1) + "," + std::to_string(power) +
+                                                         "," + std::to_string(power + 1)});
+         return records +
+                record(kind_id_create, {"0", "18446744073709551615,9999999999999999999,10000000000000000000"});
      }},
-    {"task_begin",
-     [](zop_api& a, ___zop_domain* d, ___zop_string_handle* h) { a.task_begin(d, {7, 0, 0}, null_id, h); },
-     [](const std::string& d, const std::string& h) {
-         return record("task_begin", field(d) + id3(7, 0, 0) + id3(0, 0, 0) + field(h) + field(0));
-     }},
-    {"task_begin_explicit_same_kind",
-     [](zop_api& a, ___zop_domain* d, ___zop_string_handle* h) { a.task_begin_explicit(d, id7, {3, 2, 1}, h); },
-     [](const std::string& d, const std::string& h) {
-         return record("task_begin", field(d) + id3(7, 0, 1) + id3(3, 2, 1) + field(h) + field(0));
-     }},
-    {"task_begin_async",
-     [](zop_api& a, ___zop_domain* d, ___zop_string_handle* h) { a.task_begin_async(d, id7, null_id, h); },
-     [](const std::string& d, const std::string& h) {
-         return record("task_begin_async", field(d) + id3(7, 0, 1) + id3(0, 0, 0) + field(h) + field(0));
-     }},
-    {"task_end_forms",
-     [](zop_api& a, ___zop_domain* d, ___zop_string_handle*) {
+    // Every form of task begin (explicit is the same kind) and end.
+    {"tasks",
+     [](zop_api& a, ___zop_domain* d, ___zop_string_handle* h) {
+         a.task_begin(d, {7, 0, 0}, null_id, h);
+         a.task_begin_explicit(d, id7, {3, 2, 1}, h);
+         a.task_begin_async(d, id7, null_id, h);
          a.task_end(d);
          a.task_end_explicit(d);
          a.task_end_async(d, id7);
      },
-     [](const std::string& d, const std::string&) {
-         return record("task_end", field(d)) + record("task_end", field(d)) +
-                record("task_end_async", field(d) + id3(7, 0, 1));
+     [](const std::string& d, const std::string& h) {
+         return record(kind_task_begin, {d, "7,0,0", "0,0,0", h, "0"}) +
+                record(kind_task_begin, {d, "7,0,1", "3,2,1", h, "0"}) +
+                record(kind_task_begin_async, {d, "7,0,1", "0,0,0", h, "0"}) + record(kind_task_end, {d}) +
+                record(kind_task_end, {d}) + record(kind_task_end_async, {d, "7,0,1"});
      }},
-    {"region_and_group",
+    {"region_group_and_null_handles",
      [](zop_api& a, ___zop_domain* d, ___zop_string_handle* h) {
          a.region_begin(d, id7, {1, 0, 0}, h);
          a.region_end(d, id7);
          a.task_group(d, {19, 0, 0}, null_id, h);
+         a.task_group(nullptr, id7, null_id, nullptr);
      },
      [](const std::string& d, const std::string& h) {
-         return record("region_begin", field(d) + id3(7, 0, 1) + id3(1, 0, 0) + field(h)) +
-                record("region_end", field(d) + id3(7, 0, 1)) +
-                record("task_group", field(d) + id3(19, 0, 0) + id3(0, 0, 0) + field(h));
-     }},
-    {"null_handles_recorded_as_zero",
-     [](zop_api& a, ___zop_domain*, ___zop_string_handle*) {
-         a.task_group(nullptr, id7, null_id, nullptr);
-         a.task_end(nullptr);
-     },
-     [](const std::string&, const std::string&) {
-         return record("task_group", field(0) + id3(7, 0, 1) + id3(0, 0, 0) + field(0)) +
-                record("task_end", field(0));
+         return record(kind_region_begin, {d, "7,0,1", "1,0,0", h}) + record(kind_region_end, {d, "7,0,1"}) +
+                record(kind_task_group, {d, "19,0,0", "0,0,0", h}) + record(kind_task_group, {"0", "7,0,1", "0,0,0", "0"});
      }},
     {"relation_low_8_bits",
      [](zop_api& a, ___zop_domain* d, ___zop_string_handle*) {
-         a.relation_add(d, {5, 1, 0}, 3, {9, 0, 0});
-         a.relation_add(d, id7, 259, id7);
-         a.relation_add(d, id7, 256, id7);
-         a.relation_add(d, id7, -1, id7);
+         for (int kind : {3, 259, 256, -1}) a.relation_add(d, {5, 1, 0}, kind, {9, 0, 0});
      },
      [](const std::string& d, const std::string&) {
-         auto rel = [&](const std::string& head, int kind, const std::string& tail) {
-             return record("relation", field(d) + head + field(std::to_string(kind)) + tail);
-         };
-         return rel(id3(5, 1, 0), 3, id3(9, 0, 0)) + rel(id3(7, 0, 1), 3, id3(7, 0, 1)) +
-                rel(id3(7, 0, 1), 0, id3(7, 0, 1)) + rel(id3(7, 0, 1), 255, id3(7, 0, 1));
+         std::string records;
+         for (const char* kind : {"3", "3", "0", "255"}) records += record(kind_relation, {d, "5,1,0", kind, "9,0,0"});
+         return records;
      }},
-    {"metadata_values",
+    // Type 1 is read at full pointer width (a code address), type 3 as 32
+    // bits even where more follow; other counts, types and null data are
+    // dropped, and the file still takes records afterwards.
+    {"metadata",
      [](zop_api& a, ___zop_domain* d, ___zop_string_handle* h) {
          uint32_t small = 42;
          a.metadata_add(d, id7, h, 3, 1, &small);
-         // Type 1 holds a code address: read at full pointer width.
          uintptr_t code = sizeof(void*) == 8 ? uintptr_t(0x7f12345678abULL) : uintptr_t(0x8048000);
          a.metadata_add(d, id7, h, 1, 1, &code);
-         // Type 3 reads 32 bits even where more follow.
          uint64_t wide = 0x100000007ULL;
          a.metadata_add(d, id7, h, 3, 1, &wide);
-     },
-     [](const std::string& d, const std::string& h) {
-         unsigned long long code = sizeof(void*) == 8 ? 0x7f12345678abULL : 0x8048000ULL;
-         auto meta = [&](int type, unsigned long long value) {
-             return record("metadata",
-                           field(d) + id3(7, 0, 1) + field(h) + field(std::to_string(type)) + field(1) + field(value));
-         };
-         return meta(3, 42) + meta(1, code) + meta(3, 7);
-     }},
-    {"metadata_dropped",
-     [](zop_api& a, ___zop_domain* d, ___zop_string_handle* h) {
-         uint64_t v = 5;
-         for (size_t count : {0, 2}) a.metadata_add(d, id7, h, 3, count, &v);
-         for (int type : {0, 2, 4, -1, 259}) a.metadata_add(d, id7, h, type, 1, &v);
+         for (size_t count : {0, 2}) a.metadata_add(d, id7, h, 3, count, &wide);
+         for (int type : {0, 2, 4, -1, 259}) a.metadata_add(d, id7, h, type, 1, &wide);
          a.metadata_add(d, id7, h, 1, 1, nullptr);
          a.metadata_add(d, id7, h, 3, 1, nullptr);
-         a.task_end(d);  // the file still takes records afterwards
+         a.task_end(d);
      },
-     [](const std::string& d, const std::string&) { return record("task_end", field(d)); }},
+     [](const std::string& d, const std::string& h) {
+         std::string code = sizeof(void*) == 8 ? std::to_string(0x7f12345678abULL) : std::to_string(0x8048000);
+         return record(kind_metadata, {d, "7,0,1", h, "3", "1", "42"}) +
+                record(kind_metadata, {d, "7,0,1", h, "1", "1", code}) +
+                record(kind_metadata, {d, "7,0,1", h, "3", "1", "7"}) + record(kind_task_end, {d});
+     }},
     {"metadata_strings",
      [](zop_api& a, ___zop_domain* d, ___zop_string_handle* h) {
          a.metadata_str_addA(d, id7, h, "abc", 10);
          a.metadata_str_add(d, id7, h, "abc", 0);
          a.metadata_str_addA(d, id7, h, "a<b&c\"\nd", 3);
          a.metadata_str_addA(d, id7, h, nullptr, 5);
-         a.task_end(d);
      },
      [](const std::string& d, const std::string& h) {
-         auto meta = [&](unsigned long long length, const std::string& text) {
-             return record("metadata_stringA", field(d) + id3(7, 0, 1) + field(h) + field(length) + field(text));
-         };
-         return meta(10, "abc") + meta(0, "abc") + meta(3, "a<b&c\"\nd") + meta(5, "") + record("task_end", field(d));
+         return record(kind_metadata_stringA, {d, "7,0,1", h, "10", "abc"}) +
+                record(kind_metadata_stringA, {d, "7,0,1", h, "0", "abc"}) +
+                record(kind_metadata_stringA, {d, "7,0,1", h, "3", "a<b&c\"\nd"}) +
+                record(kind_metadata_stringA, {d, "7,0,1", h, "5", ""});
      }},
 };
 
@@ -200,38 +172,12 @@ TEST_P(api_records, written_byte_for_byte) {
 INSTANTIATE_TEST_SUITE_P(all, api_records, ::testing::ValuesIn(api_cases),
                          [](const ::testing::TestParamInfo<api_case>& info) { return info.param.name; });
 
-// Length fields of names count bytes up to 1000 and keep the low 8 bits;
-// the text is always whole.
-TEST(api_handles, name_length_field_and_whole_text) {
-    struct row {
-        size_t length;
-        int recorded;
-    } rows[] = {{0, 0}, {6, 6}, {255, 255}, {256, 0}, {300, 44}, {999, 231}, {1000, 232}, {5000, 232}};
-    temp_dir dir;
-    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [&](zop_api& api) {
-        for (const row& r : rows) {
-            std::string name(r.length, 'n');
-            api.domain_createA(name.c_str());
-            api.string_handle_create(name.c_str());
-        }
-    });
-    ASSERT_EQ(child.status, 0);
-    parsed_trace trace = parse_trace(read_file(dir.path + "/_ryl.0"));
-    ASSERT_TRUE(trace.ok) << trace.error;
-    ASSERT_EQ(trace.records.size(), 2 * (sizeof rows / sizeof rows[0]));
-    for (size_t i = 0; i < trace.records.size(); ++i) {
-        const row& r = rows[i / 2];
-        const parsed_record& rec = trace.records[i];
-        EXPECT_EQ(rec.name, i % 2 ? "string_handle_createA" : "domain_createA");
-        ASSERT_EQ(rec.fields.size(), 3u);
-        EXPECT_EQ(rec.fields[1], std::to_string(r.recorded)) << "name of " << r.length << " bytes";
-        EXPECT_EQ(rec.fields[2], std::string(r.length, 'n'));
-    }
-}
-
 // One handle per name and registry, holding its own copy of the name; a null
 // name gives a null handle and no record; records after fini still arrive.
-TEST(api_handles, one_per_name_null_for_null_and_version) {
+// Length fields count bytes up to 1000 and keep the low 8 bits; the text is
+// always whole (the empty name is a name too).
+TEST(api_handles, one_per_name_lengths_and_version) {
+    const std::pair<size_t, int> lengths[] = {{0, 0}, {255, 255}, {256, 0}, {300, 44}, {999, 231}, {1000, 232}, {5000, 232}};
     temp_dir dir;
     child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [&](zop_api& api) {
         const char* v = api.api_version();
@@ -251,19 +197,27 @@ TEST(api_handles, one_per_name_null_for_null_and_version) {
                             !api.string_handle_createA(nullptr) && !api.string_handle_create(nullptr);
         printf("%s|%d %s %d %d\n", v, v == api.api_version(), ok ? "same" : "different",
                api.domain_createA("fresh")->flags, null_handles);
-        api.domain_createA("");
+        for (const auto& length : lengths) {
+            std::string n(length.first, 'n');
+            api.domain_createA(n.c_str());
+            api.string_handle_create(n.c_str());
+        }
     });
     ASSERT_EQ(child.status, 0);
     EXPECT_EQ(child.out, "Quillon Collector 0.02|1 same 1 1\n");
     parsed_trace trace = parse_trace(read_file(dir.path + "/_ryl.0"));
     ASSERT_TRUE(trace.ok) << trace.error;
-    ASSERT_EQ(trace.records.size(), 8u);  // the null names leave none
+    ASSERT_EQ(trace.records.size(), 7 + 2 * (sizeof lengths / sizeof lengths[0]));  // the null names leave none
     EXPECT_EQ(trace.records[0].fields, trace.records[1].fields);  // same handle, name and length
     EXPECT_EQ(trace.records[1].name, "domain_createA");
     EXPECT_EQ(trace.records[2].name, "string_handle_createA");
     EXPECT_NE(trace.records[2].fields[0], trace.records[0].fields[0]);
-    // The empty name is a valid name.
-    EXPECT_EQ(trace.records[7].fields, (std::vector<std::string>{trace.records[7].fields[0], "0", ""}));
+    for (size_t i = 7; i < trace.records.size(); ++i) {
+        const auto& length = lengths[(i - 7) / 2];
+        EXPECT_EQ(trace.records[i].name, i % 2 ? "domain_createA" : "string_handle_createA");
+        EXPECT_EQ(trace.records[i].fields[1], std::to_string(length.second)) << length.first << " bytes";
+        EXPECT_EQ(trace.records[i].fields[2], std::string(length.first, 'n'));
+    }
 }
 
 }  // namespace

@@ -8,12 +8,14 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <regex>
 #include <set>
 #include <thread>
+#include <vector>
 
 #include "child.h"
 #include "trace_text.h"
@@ -22,8 +24,6 @@ namespace {
 
 const unsigned hc = std::thread::hardware_concurrency();
 const int pool = hc ? int(hc) : 8;
-
-std::string unfinished_file() { return header_lines(hc) + file_end(); }
 
 std::string ryl(const std::string& dir, int n) { return dir + "/_ryl." + std::to_string(n); }
 
@@ -36,16 +36,19 @@ std::vector<std::string> pool_names(int count, const char* extra = nullptr) {
     return names;
 }
 
-TEST(collector_directory, vun_dir_existing_gets_the_pool_files) {
+// VUN_DIR names an existing directory: the pool files are made in it,
+// close-on-exec; a file of an earlier run is emptied, a number nobody opens
+// is kept. Threads that start one after another: the first ones take the
+// pool in order of their first records, later ones get new files; an ended
+// thread's file is never handed on.
+TEST(collector_directory, vun_dir_existing_and_files_in_emission_order) {
     temp_dir dir;
-    // A file of an earlier run is emptied; a number nobody opens is kept.
     FILE* old = fopen(ryl(dir.path, 0).c_str(), "w");
     fputs("old contents that are longer than a header line\n", old);
     fclose(old);
-    std::string keep = ryl(dir.path, 500);
-    fclose(fopen(keep.c_str(), "w"));
-    // Every trace file is opened close-on-exec.
-    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [](zop_api&) {
+    fclose(fopen(ryl(dir.path, 500).c_str(), "w"));
+    const int threads = pool + 2;
+    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [&](zop_api& api) {
         int trace_fds = 0, inheritable = 0;
         for (int fd = 0; fd < 1024; ++fd) {
             char link[64], target[4096];
@@ -56,12 +59,15 @@ TEST(collector_directory, vun_dir_existing_gets_the_pool_files) {
             inheritable += !(fcntl(fd, F_GETFD) & FD_CLOEXEC);
         }
         printf("%d %d\n", trace_fds, inheritable);
+        for (int i = 0; i < threads; ++i) std::thread([&api, i] { api.id_create(nullptr, {unsigned(i), 0, 0}); }).join();
     });
     ASSERT_EQ(child.status, 0);
     EXPECT_EQ(child.out, std::to_string(pool) + " 0\n");
     EXPECT_EQ(child.err, "");
-    EXPECT_EQ(list_dir(dir.path), pool_names(pool, "_ryl.500"));
-    for (int i = 0; i < pool; ++i) EXPECT_EQ(mask_timestamps(read_file(ryl(dir.path, i))), unfinished_file());
+    EXPECT_EQ(list_dir(dir.path), pool_names(threads, "_ryl.500"));
+    for (int i = 0; i < threads; ++i)
+        EXPECT_EQ(mask_timestamps(read_file(ryl(dir.path, i))),
+                  header_lines(hc) + record(trace_format::kind_id_create, {"0", std::to_string(i) + ",0,0"}) + file_end());
 }
 
 // Makes the run directory base names of the next seconds (and, with
@@ -83,92 +89,75 @@ std::set<std::string> occupy(const std::string& cwd, int seconds, bool numbered)
     return bases;
 }
 
+// VUN_DIR unset or empty, the base names of the next seconds taken: the
+// "_000" candidate, whichever second the child starts in. Every candidate
+// taken as well: the base directory is used, with the mkdir warning.
 TEST(collector_directory, unset_or_empty_vun_dir_takes_next_free_name) {
-    for (bool empty : {false, true}) {
+    for (const std::string setting : {"unset", "empty", "all taken"}) {
         temp_dir cwd;
-        // The base names are taken, so the child must take the "_000"
-        // candidate whichever second it starts in.
-        std::set<std::string> bases = occupy(cwd.path, 4, false);
+        std::set<std::string> bases = occupy(cwd.path, 4, setting == "all taken");
         child_options options;
         options.cwd = cwd.path;
-        if (empty) options.set_env = {{"VUN_DIR", ""}};
+        if (setting == "empty") options.set_env = {{"VUN_DIR", ""}};
         else options.unset_env = {"VUN_DIR"};
         child_result child = run_in_child(options, [](zop_api& api) { api.task_end(nullptr); });
-        ASSERT_EQ(child.status, 0);
-        EXPECT_EQ(child.out, "");
-        std::vector<std::string> made;
-        for (const std::string& name : list_dir(cwd.path))
-            if (!bases.count(name)) made.push_back(name);
-        ASSERT_EQ(made.size(), 1u);
-        ASSERT_EQ(made[0].size(), 24u) << made[0];
-        EXPECT_TRUE(bases.count(made[0].substr(0, 20))) << made[0];
-        EXPECT_EQ(made[0].substr(20), "_000");
-        EXPECT_EQ(list_dir(cwd.path + "/" + made[0]), pool_names(pool));
+        ASSERT_EQ(child.status, 0) << setting;
+        std::string made;
+        if (setting == "all taken") {
+            std::smatch m;
+            ASSERT_TRUE(std::regex_match(child.out, m, std::regex("WARNING when issuing: mkdir (_vun_\\d{8}_\\d{6})\n")))
+                << child.out;
+            made = m[1].str();
+            EXPECT_TRUE(bases.count(made));
+        } else {
+            EXPECT_EQ(child.out, "");
+            for (const std::string& name : list_dir(cwd.path))
+                if (!bases.count(name)) made += name;
+            ASSERT_EQ(made.size(), 24u) << made;
+            EXPECT_TRUE(bases.count(made.substr(0, 20))) << made;
+            EXPECT_EQ(made.substr(20), "_000");
+            EXPECT_EQ(list_dir(cwd.path + "/" + made), pool_names(pool));
+        }
+        EXPECT_EQ(mask_timestamps(read_file(cwd.path + "/" + made + "/_ryl.0")),
+                  header_lines(hc) + record("task_end", field(0)) + file_end());
     }
 }
 
-TEST(collector_directory, all_candidates_taken_uses_base_with_warning) {
-    temp_dir cwd;
-    std::set<std::string> bases = occupy(cwd.path, 3, true);
-    child_options options;
-    options.cwd = cwd.path;
-    options.unset_env = {"VUN_DIR"};
-    child_result child = run_in_child(options, [](zop_api&) {});
-    ASSERT_EQ(child.status, 0);
-    std::smatch m;
-    ASSERT_TRUE(std::regex_match(child.out, m, std::regex("WARNING when issuing: mkdir (_vun_\\d{8}_\\d{6})\n")))
-        << child.out;
-    EXPECT_TRUE(bases.count(m[1].str()));
-    // The writers go into the existing base directory.
-    EXPECT_EQ(mask_timestamps(read_file(cwd.path + "/" + m[1].str() + "/_ryl.0")), unfinished_file());
-}
-
-TEST(collector_directory, missing_vun_dir_diverts_to_standard_error) {
+// VUN_DIR naming a missing directory, a file, a path too long: every writer
+// diverts its text to standard error.
+TEST(collector_directory, unusable_vun_dir_diverts_to_standard_error) {
     temp_dir dir;
-    std::string missing = dir.path + "/does/not/exist";
-    child_result child = run_in_child({{{"VUN_DIR", missing}}}, [](zop_api& api) {
-        api.id_create(nullptr, {1, 2, 3});
-        api.metadata_str_addA(nullptr, {4, 5, 6}, nullptr, "text", 4);
-    });
-    ASSERT_EQ(child.status, 0);
-    EXPECT_EQ(child.out, "");
-    EXPECT_FALSE(file_exists(missing));
-    const std::string w = "WARNING NO OPEN FILE: ";
-    std::string header = w + header_lines(hc);
-    auto finish = [&] {
-        return w + "<record>\n" + w + "<field>end_of_records</field>\n" + w + "<field>TS</field>\n" + w +
-               "</record>\n" + w + "</trace>\n";
-    };
-    std::string expected;
-    for (int i = 0; i < pool; ++i) expected += header;
-    // One warning per lock span: the compound field's five lines have one.
-    expected += w + "<record>\n" + w + "<field>id_create</field>\n" + w + "<field>TS</field>\n" + w +
-                "<field>0</field>\n" + w + "<compound_field>\n<field>1</field>\n<field>2</field>\n<field>3</field>\n" +
-                "</compound_field>\n" + w + "</record>\n";
-    // A text field is one span too, however it is put together.
-    expected += w + "<record>\n" + w + "<field>metadata_stringA</field>\n" + w + "<field>TS</field>\n" + w +
-                "<field>0</field>\n" + w + "<compound_field>\n<field>4</field>\n<field>5</field>\n<field>6</field>\n" +
-                "</compound_field>\n" + w + "<field>0</field>\n" + w + "<field>4</field>\n" + w + "<field>text</field>\n" +
-                w + "</record>\n";
-    for (int i = 0; i < pool; ++i) expected += finish();
-    std::string err = std::regex_replace(child.err, std::regex(w + "<field>\\d{12,}</field>"), w + "<field>TS</field>");
-    EXPECT_EQ(err, expected);
-}
-
-// Threads that start one after another: the first ones take the pool in
-// order of their first records, later ones get new files; an ended thread's
-// file is never handed on.
-TEST(collector_threads, files_follow_first_emission_order) {
-    temp_dir dir;
-    const int threads = pool + 2;
-    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [&](zop_api& api) {
-        for (int i = 0; i < threads; ++i) std::thread([&api, i] { api.id_create(nullptr, {unsigned(i), 0, 0}); }).join();
-    });
-    ASSERT_EQ(child.status, 0);
-    EXPECT_EQ(list_dir(dir.path), pool_names(threads));
-    for (int i = 0; i < threads; ++i)
-        EXPECT_EQ(mask_timestamps(read_file(ryl(dir.path, i))),
-                  header_lines(hc) + record("id_create", field(0) + id_field(i, 0, 0)) + file_end());
+    std::string missing = dir.path + "/does/not/exist", file = dir.path + "/plain_file";
+    fclose(fopen(file.c_str(), "w"));
+    for (const std::string& vun_dir : {missing, file, dir.path + "/" + std::string(PATH_MAX + 10, 'x')}) {
+        child_result child = run_in_child({{{"VUN_DIR", vun_dir}}}, [](zop_api& api) {
+            api.id_create(nullptr, {1, 2, 3});
+            api.metadata_str_addA(nullptr, {4, 5, 6}, nullptr, "text", 4);
+        });
+        ASSERT_EQ(child.status, 0);
+        EXPECT_EQ(child.out, "");
+        EXPECT_FALSE(file_exists(missing));
+        const std::string w = "WARNING NO OPEN FILE: ";
+        std::string header = w + header_lines(hc);
+        auto finish = [&] {
+            return w + "<record>\n" + w + "<field>end_of_records</field>\n" + w + "<field>TS</field>\n" + w +
+                   "</record>\n" + w + "</trace>\n";
+        };
+        std::string expected;
+        for (int i = 0; i < pool; ++i) expected += header;
+        // One warning per lock span: the compound field's five lines have one.
+        expected += w + "<record>\n" + w + "<field>id_create</field>\n" + w + "<field>TS</field>\n" + w +
+                    "<field>0</field>\n" + w + "<compound_field>\n<field>1</field>\n<field>2</field>\n<field>3</field>\n" +
+                    "</compound_field>\n" + w + "</record>\n";
+        // A text field is one span too, however it is put together.
+        expected += w + "<record>\n" + w + "<field>metadata_stringA</field>\n" + w + "<field>TS</field>\n" + w +
+                    "<field>0</field>\n" + w + "<compound_field>\n<field>4</field>\n<field>5</field>\n<field>6</field>\n" +
+                    "</compound_field>\n" + w + "<field>0</field>\n" + w + "<field>4</field>\n" + w + "<field>text</field>\n" +
+                    w + "</record>\n";
+        for (int i = 0; i < pool; ++i) expected += finish();
+        std::string err = std::regex_replace(child.err, std::regex(w + "<field>\\d{12,}</field>"), w + "<field>TS</field>");
+        EXPECT_EQ(err, expected) << vun_dir.substr(0, 100);
+    }
 }
 
 // Many threads at once, many records each: every file complete, every
@@ -211,8 +200,8 @@ TEST(collector_threads, concurrent_records_stay_whole) {
     EXPECT_EQ(seen.size(), size_t(threads));
 }
 
-// dlclose finishes every file and really unloads the library; loading it
-// again starts a fresh collector.
+// dlclose finishes every file and really unloads the library (the collector
+// lives in the library's own storage); loading it again starts a fresh one.
 TEST(collector_unload, dlclose_finishes_files_and_unmaps) {
     temp_dir dir, second;
     child_options options;
@@ -235,81 +224,72 @@ TEST(collector_unload, dlclose_finishes_files_and_unmaps) {
     std::string one_end = header_lines(hc) + record("task_end", field(0)) + file_end();
     for (const std::string& file : {ryl(dir.path, 0), ryl(dir.path, 1), ryl(second.path, 0)})
         EXPECT_EQ(mask_timestamps(read_file(file)), one_end) << file;
+    // The files nobody took are finished at the first unload too.
+    for (int i = 2; i < pool; ++i) EXPECT_EQ(mask_timestamps(read_file(ryl(dir.path, i))), header_lines(hc) + file_end());
 }
 
-// Events during and after the collector's end (exit handlers, threads still
-// running) never crash and never create files.
-TEST(collector_late_events, after_exit_handlers_and_during_exit) {
+// While the process exits, a thread goes on emitting and creating handles
+// between its records, and new threads make their first records: the exit
+// does not stall, every file is finished, and each thread's records are whole
+// and in order up to a point, never with a gap. Events after the end (exit
+// handlers, threads) are dropped and make no file; handles are still given.
+TEST(collector_late_events, during_and_after_the_end) {
     temp_dir dir;
     static zop_api* late_api;
-    // The emitting thread runs through the collector's end and is stopped
-    // only by the last exit handler (leak checkers want no running threads).
-    static std::atomic<int> loop_state{0};  // 0 running, 1 asked to stop, 2 stopped
+    static std::atomic<bool> stop{false};
+    // Joined, not detached, by the last exit handler (the thread sanitizer
+    // misreads the exit of detached threads).
+    static std::vector<std::thread>& threads = *new std::vector<std::thread>;
+    static std::chrono::steady_clock::time_point exit_start;
+    const int starters = 32;
     child_options options;
     options.set_env = {{"VUN_DIR", dir.path}};
-    // Registered before the library is loaded: runs after the collector is gone.
+    // Registered before the library is loaded: runs after the end.
     options.before_load = [] {
         atexit([] {
+            auto took = std::chrono::steady_clock::now() - exit_start;
             late_api->task_end(nullptr);
             std::thread([] {
                 late_api->task_end(nullptr);
-                bool null = !late_api->domain_createA("late") && !late_api->string_handle_createA("late");
-                printf("late handles null: %d\n", null);
+                printf("late handle %d\n", late_api->domain_createA("late") != nullptr);
             }).join();
-            loop_state = 1;
-            while (loop_state != 2) std::this_thread::yield();
+            printf("exit stalled %d\n", took > std::chrono::milliseconds(500));
+            stop = true;
+            for (std::thread& t : threads) t.join();
         });
     };
     child_result child = run_in_child(options, [&](zop_api& api) {
         late_api = &api;
-        api.task_end(nullptr);
-        // A thread still emitting while the process exits.
-        std::thread([&api] {
-            while (loop_state == 0) api.task_begin(nullptr, {1, 0, 0}, {0, 0, 0}, nullptr);
-            loop_state = 2;
-        }).detach();
+        // Many names, so that destroying registries at exit would take a while.
+        for (int i = 0; i < 20000; ++i) api.string_handle_createA(std::to_string(i).c_str());
+        threads.emplace_back([&api] {
+            for (unsigned long i = 0; !stop; ++i) {
+                api.domain_createA("loop");
+                api.id_create(nullptr, {i, 0, 0});
+            }
+        });
+        static std::atomic<bool> go{false};
+        for (int i = 0; i < starters; ++i)
+            threads.emplace_back([&api] {
+                while (!go) std::this_thread::yield();
+                api.task_end(nullptr);
+            });
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        go = true;
+        exit_start = std::chrono::steady_clock::now();
     });
     ASSERT_EQ(child.status, 0) << child.err;
-    EXPECT_EQ(child.out, "late handles null: 1\n");
-    EXPECT_EQ(list_dir(dir.path), pool_names(pool));
+    EXPECT_EQ(child.out, "late handle 1\nexit stalled 0\n");
     for (const std::string& name : list_dir(dir.path)) {
         parsed_trace trace = parse_trace(read_file(dir.path + "/" + name));
         EXPECT_TRUE(trace.ok && trace.finished) << name << ": " << trace.error;
+        if (name != "_ryl.1") continue;
+        ASSERT_GT(trace.records.size(), 100u);
+        for (size_t i = 0; i < trace.records.size(); ++i)
+            ASSERT_EQ(trace.records[i].name + " " + trace.records[i].fields.back(),
+                      i % 2 ? "id_create {" + std::to_string(i / 2) + ",0,0}" : "domain_createA loop")
+                << "record " << i;
     }
-}
-
-// The dynamic symbol table holds the public API and nothing else.
-TEST(library_symbols, exports_exactly_the_public_api) {
-    child_result nm = run_program({RYL_NM, "-D", "--defined-only", "-C", library_path()}, {});
-    ASSERT_EQ(nm.status, 0) << nm.err;
-    std::set<std::string> zop;
-    std::regex line("[0-9a-f]+ ([A-Za-z]) (.*)");
-    std::istringstream in(nm.out);
-    std::string text;
-    while (std::getline(in, text)) {
-        std::smatch m;
-        ASSERT_TRUE(std::regex_match(text, m, line)) << text;
-        std::string name = m[2];
-        if (name.rfind("__zop_", 0) == 0) {
-            zop.insert(name);
-            continue;
-        }
-        bool allowed = name == "ompt_start_tool" || name == "writer::get_ftc()" ||
-                       name == "writer::write_begin_record(writer::trace_writer*, __zop_record_t)" ||
-                       name.rfind("xml::", 0) == 0 || name.rfind("vtable for xml::", 0) == 0 ||
-                       name.rfind("typeinfo for xml::", 0) == 0 || name.rfind("typeinfo name for xml::", 0) == 0 ||
-                       name.rfind("VERS_", 0) == 0;
-        EXPECT_TRUE(allowed) << "exported: " << name;
-    }
-    std::set<std::string> api = {
-        "__zop_api_version", "__zop_api_fini", "__zop_domain_create", "__zop_domain_createA",
-        "__zop_string_handle_create", "__zop_string_handle_createA", "__zop_id_create", "__zop_id_destroy",
-        "__zop_task_begin", "__zop_task_begin_explicit", "__zop_task_begin_async", "__zop_task_end",
-        "__zop_task_end_explicit", "__zop_task_end_async", "__zop_region_begin", "__zop_region_end",
-        "__zop_task_group", "__zop_relation_add", "__zop_metadata_add", "__zop_metadata_str_add",
-        "__zop_metadata_str_addA"};
-    EXPECT_EQ(zop, api);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 // and bad settings. Every case runs in fresh processes.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -13,8 +14,10 @@
 
 #include <atomic>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <map>
+#include <new>
 #include <random>
 #include <regex>
 #include <set>
@@ -22,6 +25,18 @@
 
 #include "child.h"
 #include "trace_text.h"
+
+// Allocation failure on demand: while set (in a child), operator new throws,
+// also for the library, whose calls bind to this program's definition.
+std::atomic<bool> fail_allocations{false};
+
+void* operator new(std::size_t size) {
+    void* p = fail_allocations.load(std::memory_order_relaxed) ? nullptr : std::malloc(size ? size : 1);
+    if (!p) throw std::bad_alloc();
+    return p;
+}
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -47,14 +62,6 @@ std::atomic<T>* shared_counter() {
 void fill(zop_api& api) {
     for (unsigned long i = 0; i < 20000; ++i) api.id_create(nullptr, {i, 0, 0});
     printf("done\n");
-}
-
-// The ids {a, b, 0} of the id_create records of a trace, as "a,b".
-std::vector<std::string> created_ids(const parsed_trace& trace) {
-    std::vector<std::string> ids;
-    for (const parsed_record& r : trace.records)
-        if (r.name == "id_create") ids.push_back(r.fields[1].substr(1, r.fields[1].rfind(',') - 1));
-    return ids;
 }
 
 // A process killed at a random moment leaves, in every file, a header and
@@ -88,11 +95,7 @@ TEST(killed_process, files_hold_every_returned_record) {
             if (content == std::string::npos) content = text.size();
             EXPECT_EQ(text.find_first_not_of('\0', content), std::string::npos)
                 << mode << ": data after zeros at " << content << " of " << text.size();
-            // Keep whole lines: the last one may have been cut by the kill.
-            std::string whole = text.substr(0, text.rfind('\n', content - 1) + 1);
-            parsed_trace trace = parse_trace(whole);
-            // A record may be open at the end; cut at its start.
-            if (!trace.ok) trace = parse_trace(whole.substr(0, whole.rfind("<record>\n")));
+            parsed_trace trace = parse_whole_records(text);
             ASSERT_TRUE(trace.ok) << mode << ": " << trace.error;
             EXPECT_FALSE(trace.finished);
             std::vector<std::string> ids = created_ids(trace);
@@ -104,7 +107,8 @@ TEST(killed_process, files_hold_every_returned_record) {
 
 // Output stops at the process's file size limit instead of raising SIGXFSZ;
 // in mapped mode the reservation fails first and the file goes on with
-// ordinary writes up to the limit.
+// ordinary writes up to the limit. Both happen in the middle of a record and
+// need no memory: they work while every allocation fails.
 TEST(full_disk, file_size_limit_stops_output_without_a_signal) {
     for (const char* mode : modes) {
         temp_dir dir;
@@ -114,7 +118,12 @@ TEST(full_disk, file_size_limit_stops_output_without_a_signal) {
             rlimit limit{300 * 1024, 300 * 1024};
             setrlimit(RLIMIT_FSIZE, &limit);
         };
-        child_result child = run_in_child(options, fill);
+        child_result child = run_in_child(options, [](zop_api& api) {
+            api.task_end(nullptr);  // the thread's writer is assigned
+            fail_allocations = true;
+            fill(api);
+            fail_allocations = false;
+        });
         ASSERT_EQ(child.status, 0) << mode << child.err;
         EXPECT_EQ(child.out, "done\n");
         std::string file = dir.path + "/_ryl.0";
@@ -130,6 +139,34 @@ TEST(full_disk, file_size_limit_stops_output_without_a_signal) {
         parsed_trace trace = parse_trace(text.substr(0, text.rfind("<record>\n")));
         EXPECT_TRUE(trace.ok) << trace.error;
     }
+}
+
+// Mapped mode, when the reservation fails and so does the switch to ordinary
+// writes (a sealed memory file, a little longer than what is reserved, that
+// can neither grow nor shrink): the file's output stops, its header stays.
+TEST(full_disk, failed_switch_to_ordinary_writes_leaves_the_file_alone) {
+    temp_dir dir;
+    static int memory_file = -1;
+    static std::string path = dir.path + "/_ryl.0";
+    child_options options{{{"VUN_DIR", dir.path}, {"VUN_MODE", "mapped"}}};
+    options.before_load = [] {
+        memory_file = memfd_create("trace", MFD_ALLOW_SEALING);
+        int ok = symlink(("/proc/self/fd/" + std::to_string(memory_file)).c_str(), path.c_str());
+        (void)ok;
+    };
+    child_result child = run_in_child(options, [](zop_api& api) {
+        api.task_end(nullptr);
+        if (ftruncate(memory_file, lseek(memory_file, 0, SEEK_END) + 100) != 0) _exit(90);
+        fcntl(memory_file, F_ADD_SEALS, F_SEAL_GROW | F_SEAL_SHRINK);
+        fill(api);
+        char head[23] = "";
+        printf("%d\n", pread(memory_file, head, 22, 0) == 22 && strcmp(head, "<?xml version=\"1.0\"?>\n") == 0);
+    });
+    ASSERT_EQ(child.status, 0) << child.err;
+    EXPECT_EQ(child.out, "done\n1\n");
+    EXPECT_EQ(child.err, "WARNING could not reserve space in " + path +
+                             ": Operation not permitted; writing it with ordinary writes\nWARNING write to " + path +
+                             " failed: Operation not permitted; its later records are dropped\n");
 }
 
 // A small file system filled up: the program ends normally, with one line
@@ -150,16 +187,6 @@ TEST(full_disk, small_file_system_fills_up) {
         for (const std::string& name : list_dir(dir.path)) unlink((dir.path + "/" + name).c_str());
     }
     umount(dir.path.c_str());
-}
-
-TEST(settings, unknown_mode_warns_and_streams) {
-    temp_dir dir;
-    child_result child =
-        run_in_child({{{"VUN_DIR", dir.path}, {"VUN_MODE", "fast"}}}, [](zop_api& api) { api.task_end(nullptr); });
-    ASSERT_EQ(child.status, 0);
-    EXPECT_EQ(child.err, "WARNING unknown VUN_MODE 'fast': writing trace files in stream mode\n");
-    EXPECT_EQ(mask_timestamps(read_file(dir.path + "/_ryl.0")),
-              header_lines(hc) + record("task_end", field(0)) + file_end());
 }
 
 // Processes that share VUN_DIR, side by side: nobody's file is truncated;
@@ -192,36 +219,27 @@ TEST(several_processes, shared_run_directory) {
     }
 }
 
-// One process after another while the first is still alive, then a run
-// after both have ended: the later run reuses the names.
-TEST(several_processes, later_run_reuses_names_of_ended_ones) {
+// A later run takes over the files of an ended one (older than its load);
+// a file written after the load belongs to another process of the run, even
+// without a lock on it: its number is skipped.
+TEST(several_processes, reuse_of_ended_runs_and_newer_files_skipped) {
     temp_dir dir;
     child_options options{{{"VUN_DIR", dir.path}}};
-    child_result first = run_in_child(options, [](zop_api& api) { api.id_create(nullptr, {1, 1, 0}); });
-    ASSERT_EQ(first.status, 0);
-    // Files of an ended process, older than the next load: taken over.
+    ASSERT_EQ(run_in_child(options, [](zop_api& api) { api.id_create(nullptr, {1, 1, 0}); }).status, 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    child_result second = run_in_child(options, [](zop_api& api) { api.id_create(nullptr, {2, 2, 0}); });
-    ASSERT_EQ(second.status, 0);
-    EXPECT_EQ(list_dir(dir.path).size(), size_t(pool));
-    EXPECT_EQ(created_ids(parse_trace(read_file(dir.path + "/_ryl.0"))), std::vector<std::string>{"2,2"});
-}
-
-// A file written after this process loaded the library belongs to another
-// process of the run, even when no lock is held on it: its number is skipped.
-TEST(several_processes, newer_unlocked_file_is_skipped) {
-    temp_dir dir;
     std::string newer = dir.path + "/_ryl." + std::to_string(pool);
-    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [&](zop_api& api) {
+    child_result child = run_in_child(options, [&](zop_api& api) {
         FILE* f = fopen(newer.c_str(), "w");
         fputs("another process's records\n", f);
         fclose(f);
         for (int t = 0; t <= pool; ++t) std::thread([&api, t] { api.id_create(nullptr, {unsigned(t), 0, 0}); }).join();
     });
     ASSERT_EQ(child.status, 0);
+    EXPECT_EQ(created_ids(parse_trace(read_file(dir.path + "/_ryl.0"))), std::vector<std::string>{"0,0"});
     EXPECT_EQ(read_file(newer), "another process's records\n");
     std::string next = dir.path + "/_ryl." + std::to_string(pool + 1);
     EXPECT_EQ(created_ids(parse_trace(read_file(next))), std::vector<std::string>{std::to_string(pool) + ",0"});
+    EXPECT_EQ(list_dir(dir.path).size(), size_t(pool + 2));
 }
 
 TEST(several_processes, same_second_without_vun_dir_gets_two_directories) {
@@ -379,13 +397,7 @@ TEST(signal_handler, thread_held_inside_a_record_at_exit) {
                 EXPECT_TRUE(file.second.ok && file.second.finished) << file.first << ": " << file.second.error;
         // The held file: possibly finished behind a record cut short, possibly
         // (held in the middle of a line) left with a zero-filled tail.
-        std::string text = read_file(dir.path + "/_ryl.1");
-        text = text.substr(0, text.find('\0'));
-        size_t end = text.rfind("<record>\n<field>end_of_records</field>\n");
-        if (end != std::string::npos) text = text.substr(0, end);
-        text = text.substr(0, text.rfind('\n') + 1);
-        parsed_trace trace = parse_trace(text);
-        if (!trace.ok) trace = parse_trace(text.substr(0, text.rfind("<record>\n")));
+        parsed_trace trace = parse_whole_records(read_file(dir.path + "/_ryl.1"));
         ASSERT_TRUE(trace.ok) << trace.error;
         std::vector<std::string> ids = created_ids(trace);
         ASSERT_GE(ids.size(), size_t(1000 * (round + 1)));
@@ -395,21 +407,17 @@ TEST(signal_handler, thread_held_inside_a_record_at_exit) {
 
 // Settings and surroundings that cannot work: no crash, files diverted to
 // standard error, and the documented messages.
-TEST(settings, bad_run_directories) {
+TEST(settings, bad_settings_and_run_directories) {
     temp_dir dir;
-    std::string file = dir.path + "/plain_file";
-    fclose(fopen(file.c_str(), "w"));
-    std::string too_long = dir.path + "/" + std::string(PATH_MAX + 10, 'x');
-    struct row {
-        const char* what;
-        std::string vun_dir;
-    } rows[] = {{"a file", file}, {"longer than PATH_MAX", too_long}, {"a pattern longer than PATH_MAX", too_long + "%p"}};
-    for (const row& r : rows) {
-        child_result child =
-            run_in_child({{{"VUN_DIR", r.vun_dir}}}, [](zop_api& api) { api.task_end(nullptr); });
-        EXPECT_EQ(child.status, 0) << r.what;
-        EXPECT_NE(child.err.find("WARNING NO OPEN FILE: <record>\n"), std::string::npos) << r.what;
-    }
+    child_result mode =
+        run_in_child({{{"VUN_DIR", dir.path}, {"VUN_MODE", "fast"}}}, [](zop_api& api) { api.task_end(nullptr); });
+    EXPECT_EQ(mode.err, "WARNING unknown VUN_MODE 'fast': writing trace files in stream mode\n");
+    EXPECT_EQ(mask_timestamps(read_file(dir.path + "/_ryl.0")),
+              header_lines(hc) + record("task_end", field(0)) + file_end());
+    std::string too_long = dir.path + "/" + std::string(PATH_MAX + 10, 'x') + "%p";
+    child_result pattern = run_in_child({{{"VUN_DIR", too_long}}}, [](zop_api& api) { api.task_end(nullptr); });
+    EXPECT_EQ(pattern.status, 0);
+    EXPECT_NE(pattern.err.find("WARNING NO OPEN FILE: <record>\n"), std::string::npos);
     // A working directory that has gone: the run directory cannot be made.
     temp_dir cwd;
     child_options gone;

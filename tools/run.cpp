@@ -15,6 +15,7 @@
 #include <ctime>
 #include <vector>
 
+#include "run_directory.h"
 #include "ryl.h"
 
 namespace ryl {
@@ -96,25 +97,18 @@ bool make_run_directory(const std::string& named, std::string& dir) {
         dir = absolute(named);
         return true;
     }
-    const time_t now = ::time(nullptr);
-    struct tm tm;
-    localtime_r(&now, &tm);
-    char base[64];
-    std::strftime(base, sizeof base, "_vun_%Y%m%d_%H%M%S", &tm);
-    for (int i = -1; i < 1000; ++i) {
-        char name[80];
-        std::snprintf(name, sizeof name, i < 0 ? "%s" : "%s_%03d", base, i);
-        if (::mkdir(name, 0777) == 0) {
-            dir = absolute(name);
-            return true;
-        }
-        if (errno != EEXIST) {
-            error_line(std::string(name) + ": cannot create: " + std::strerror(errno));
-            return false;
-        }
+    std::string name;
+    const int error = run_directory::create_fresh(name);
+    if (error == EEXIST) {
+        error_line(name + ": cannot create: every name up to _999 is taken");
+        return false;
     }
-    error_line(std::string(base) + ": cannot create: every name up to _999 is taken");
-    return false;
+    if (error) {
+        error_line(name + ": cannot create: " + std::strerror(error));
+        return false;
+    }
+    dir = absolute(name);
+    return true;
 }
 
 // name=value, with value put in front of an earlier value of the list.

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "record_kinds.h"
 #include "xml.h"
 
 namespace ryl {
@@ -26,32 +27,16 @@ inline bool operator<(const id3& x, const id3& y) {
 }
 inline bool is_null(const id3& x) { return x.a == 0 && x.b == 0 && x.c == 0; }
 
-// Record kinds as the collector numbers them.
-enum record_kind_index {
-    kind_definition, kind_api_version, kind_domain_createA, kind_domain_createW,
-    kind_id_create, kind_id_destroy, kind_metadata, kind_metadata_stringA,
-    kind_metadata_stringW, kind_relation, kind_string_handle_createA,
-    kind_string_handle_createW, kind_task_begin, kind_task_end, kind_task_group,
-    kind_region_begin, kind_region_end, kind_task_begin_async, kind_task_end_async,
-    kind_end_of_records, kind_count
-};
-
-// One row of the record catalogue. The shape lists the fields after the name
-// and the timestamp: N number, B number 0..255, C id (compound field), T text.
-struct record_kind {
-    const char* name;
-    const char* shape;
-    bool written;  // false: reserved name that the collector never writes
-};
-extern const record_kind record_kinds[kind_count];
+// The record catalogue (record_kinds, kind_* row numbers, field types).
+using namespace trace_format;
 
 // Longest text kept of a text field; the rest is read and dropped.
 constexpr size_t max_text = 65536;
 
 struct field {
-    uint64_t number = 0;   // N and B fields
-    id3 id;                // C fields
-    std::string text;      // T fields, cut to max_text bytes
+    uint64_t number = 0;   // u64 and u8 fields
+    id3 id;                // id fields
+    std::string text;      // text fields, cut to max_text bytes
     uint64_t text_size = 0;  // the text's full length in the file
 };
 
@@ -60,7 +45,7 @@ struct record {
     uint64_t timestamp = 0;
     uint64_t index = 0;    // 1 for the first record of the file
     uint64_t line = 0;     // line of its "<record>"
-    field fields[6];       // the fields after the timestamp, in shape order
+    field fields[max_fields];  // the fields after the timestamp, in catalogue order
 };
 
 // Bytes of one file for the tokenizer, read in large blocks. Counts what it

@@ -105,12 +105,7 @@ started_child start_child(const child_options& options, const std::function<void
             _exit(100);
         }
 #define RYL_LOAD(f) api.f = reinterpret_cast<decltype(api.f)>(api.sym("__zop_" #f));
-        RYL_LOAD(api_version) RYL_LOAD(api_fini) RYL_LOAD(domain_createA) RYL_LOAD(domain_create)
-        RYL_LOAD(string_handle_createA) RYL_LOAD(string_handle_create) RYL_LOAD(id_create) RYL_LOAD(id_destroy)
-        RYL_LOAD(task_begin) RYL_LOAD(task_begin_explicit) RYL_LOAD(task_begin_async) RYL_LOAD(task_end)
-        RYL_LOAD(task_end_explicit) RYL_LOAD(task_end_async) RYL_LOAD(region_begin) RYL_LOAD(region_end)
-        RYL_LOAD(task_group) RYL_LOAD(relation_add) RYL_LOAD(metadata_add) RYL_LOAD(metadata_str_addA)
-        RYL_LOAD(metadata_str_add)
+        RYL_API_FUNCTIONS(RYL_LOAD)
 #undef RYL_LOAD
         body(api);
         fflush(stdout);

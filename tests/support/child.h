@@ -8,30 +8,18 @@
 
 #include "zop_minimal.h"
 
-// The exported instrumentation API, looked up with dlsym in a child.
+// The exported instrumentation API, looked up with dlsym in a child: the
+// member f is __zop_f.
+#define RYL_API_FUNCTIONS(X)                                                                              \
+    X(api_version) X(api_fini) X(domain_createA) X(domain_create) X(string_handle_createA)                \
+    X(string_handle_create) X(id_create) X(id_destroy) X(task_begin) X(task_begin_explicit)               \
+    X(task_begin_async) X(task_end) X(task_end_explicit) X(task_end_async) X(region_begin) X(region_end)  \
+    X(task_group) X(relation_add) X(metadata_add) X(metadata_str_addA) X(metadata_str_add)
 struct zop_api {
     void* handle = nullptr;
-    decltype(&__zop_api_version) api_version;
-    decltype(&__zop_api_fini) api_fini;
-    decltype(&__zop_domain_createA) domain_createA;
-    decltype(&__zop_domain_create) domain_create;
-    decltype(&__zop_string_handle_createA) string_handle_createA;
-    decltype(&__zop_string_handle_create) string_handle_create;
-    decltype(&__zop_id_create) id_create;
-    decltype(&__zop_id_destroy) id_destroy;
-    decltype(&__zop_task_begin) task_begin;
-    decltype(&__zop_task_begin_explicit) task_begin_explicit;
-    decltype(&__zop_task_begin_async) task_begin_async;
-    decltype(&__zop_task_end) task_end;
-    decltype(&__zop_task_end_explicit) task_end_explicit;
-    decltype(&__zop_task_end_async) task_end_async;
-    decltype(&__zop_region_begin) region_begin;
-    decltype(&__zop_region_end) region_end;
-    decltype(&__zop_task_group) task_group;
-    decltype(&__zop_relation_add) relation_add;
-    decltype(&__zop_metadata_add) metadata_add;
-    decltype(&__zop_metadata_str_addA) metadata_str_addA;
-    decltype(&__zop_metadata_str_add) metadata_str_add;
+#define RYL_API_MEMBER(f) decltype(&__zop_##f) f;
+    RYL_API_FUNCTIONS(RYL_API_MEMBER)
+#undef RYL_API_MEMBER
     // Looks up a symbol of the loaded library; aborts the child if missing.
     void* sym(const char* name) const;
 };

@@ -20,6 +20,25 @@ std::string record(const std::string& name, const std::string& fields) {
     return "<record>\n" + field(name) + field("TS") + fields + "</record>\n";
 }
 
+std::string record(trace_format::record_kind_index kind, const std::vector<std::string>& fields) {
+    const trace_format::record_kind& row = trace_format::record_kinds[kind];
+    if (int(fields.size()) != trace_format::field_count(row))
+        return "<" + std::to_string(fields.size()) + " fields given for " + row.name + ">\n";
+    std::string text;
+    for (size_t i = 0; i < fields.size(); ++i) {
+        if (row.fields[i] != trace_format::field_type::id) {
+            text += field(fields[i]);
+            continue;
+        }
+        std::string words = fields[i] + ",";
+        text += "<compound_field>\n";
+        for (size_t at = 0, comma; (comma = words.find(',', at)) != std::string::npos; at = comma + 1)
+            text += field(words.substr(at, comma - at));
+        text += "</compound_field>\n";
+    }
+    return record(row.name, text);
+}
+
 std::string file_end() { return record("end_of_records") + "</trace>\n"; }
 
 namespace {
@@ -39,6 +58,21 @@ bool field_text(const std::string& line, std::string& text) {
         return false;
     text = line.substr(7, line.size() - 15);
     return true;
+}
+// A record of a kind the library writes, with the kind's fields: compound
+// where the catalogue has an id, scalar elsewhere (numbers never start with
+// "{"; a text may).
+bool fits_catalogue(const parsed_record& rec) {
+    for (const trace_format::record_kind& row : trace_format::record_kinds) {
+        if (rec.name != row.name) continue;
+        if (!row.written || int(rec.fields.size()) != trace_format::field_count(row)) return false;
+        for (size_t i = 0; i < rec.fields.size(); ++i)
+            if (row.fields[i] != trace_format::field_type::text &&
+                (row.fields[i] == trace_format::field_type::id) != (rec.fields[i][0] == '{'))
+                return false;
+        return true;
+    }
+    return false;
 }
 }  // namespace
 
@@ -112,9 +146,27 @@ parsed_trace parse_trace(const std::string& text) {
                 return fail(i, "unexpected line '" + lines[i] + "'");
             }
         }
+        if (!fits_catalogue(rec)) return fail(i - 1, "fields of " + rec.name + " differ from the catalogue");
         result.records.push_back(rec);
     }
     // Complete records but no end: a file of a process that did not finish it.
     result.ok = true;
     return result;
+}
+
+parsed_trace parse_whole_records(const std::string& file) {
+    std::string text = file.substr(0, file.find('\0'));
+    size_t end = text.rfind("<record>\n<field>end_of_records</field>\n");
+    if (end != std::string::npos) text.resize(end);
+    text.resize(text.rfind('\n') + 1);  // a line cut short
+    parsed_trace trace = parse_trace(text);
+    if (!trace.ok) trace = parse_trace(text.substr(0, text.rfind("<record>\n")));  // a record cut short
+    return trace;
+}
+
+std::vector<std::string> created_ids(const parsed_trace& trace) {
+    std::vector<std::string> ids;
+    for (const parsed_record& r : trace.records)
+        if (r.name == "id_create") ids.push_back(r.fields[1].substr(1, r.fields[1].rfind(',') - 1));
+    return ids;
 }
