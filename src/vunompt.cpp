@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "objects_file.h"
 #include "zop_minimal.h"
 
 namespace {
@@ -659,6 +660,7 @@ __attribute__((visibility("hidden"))) int ompt_initialize(ompt_function_lookup_t
         taskwait_str_handle = __zop_string_handle_createA("omp_taskwait");
         taskgroup_str_handle = __zop_string_handle_createA("omp_taskgroup");
         thread_num_handle = __zop_string_handle_createA("thread_num");
+        objects_file::start();
     }
 
     const char* barriers = std::getenv("VUN_BARRIERS");
