@@ -1,7 +1,7 @@
 # Cost of tracing OpenMP tasks: BOTS-style fib, untraced and under both
 # translations (bench_omp [--benchmark_repetitions=N] [n]).
 find_program(RYL_CLANG NAMES clang clang-14)
-if(RYL_CLANG)
+if(RYL_CLANG AND NOT CMAKE_SIZEOF_VOID_P EQUAL 4)
   set(_omp_fib ${CMAKE_CURRENT_BINARY_DIR}/omp_fib)
   add_custom_command(OUTPUT ${_omp_fib}
     COMMAND ${RYL_CLANG} -fopenmp -O2 -g -o ${_omp_fib} ${CMAKE_CURRENT_SOURCE_DIR}/omp_fib.c

@@ -29,8 +29,9 @@ else()
 endif()
 
 # The detailed translation under LLVM's runtime 14, on programs of known shape
-# (position-independent, with a shared object to dlopen).
-if(RYL_CLANG)
+# (position-independent, with a shared object to dlopen); 64-bit only, as
+# the runtime is.
+if(RYL_CLANG AND NOT CMAKE_SIZEOF_VOID_P EQUAL 4)
   set(_shapes ${CMAKE_CURRENT_BINARY_DIR}/omp_shapes)
   set(_plugin ${CMAKE_CURRENT_BINARY_DIR}/libryl_test_plugin.so)
   add_custom_command(OUTPUT ${_shapes} ${_plugin}
