@@ -125,7 +125,7 @@ TEST_P(ompt_detailed, intervals_tasks_and_objects) {
 
     // The objects file: the program first, at its load address, with the
     // build id of its own note; at a normal end the trace files of the run,
-    // a dlopen'ed object and "end".
+    // a dlopen'ed object and "end" (once: a forked child adds nothing).
     std::vector<std::string> lines = objects_lines(dir.path);
     ASSERT_GE(lines.size(), 3u);
     EXPECT_EQ(lines[0], "ryl-objects 1");
@@ -146,6 +146,7 @@ TEST_P(ompt_detailed, intervals_tasks_and_objects) {
     size_t files_line = 0, plugin_line = 0;
     for (size_t i = 0; i < lines.size(); ++i) {
         if (lines[i].compare(0, 6, "files ") == 0) EXPECT_EQ(lines[files_line = i], files);
+        if (lines[i] == "end") EXPECT_EQ(i + 1, lines.size()) << "a second end (a forked child's?)";
         if (lines[i].find(RYL_TEST_PLUGIN) != std::string::npos) plugin_line = i;
     }
     EXPECT_EQ(lines.back() == "end", !killed);
@@ -159,7 +160,8 @@ INSTANTIATE_TEST_SUITE_P(
                     shape_case{"untied", 126, "@omp_taskwait"},
                     shape_case{"taskgroup", 16, "@omp_taskgroup"},
                     shape_case{"nested_parallel", 4, "@omp_barrier"}, shape_case{"detach", 8, ""},
-                    shape_case{"dlopen", 126, ""}, shape_case{"killed", 126, "", 128 + 9}),
+                    shape_case{"dlopen", 126, ""}, shape_case{"fork", 126, ""},
+                    shape_case{"killed", 126, "", 128 + 9}),
     [](const testing::TestParamInfo<shape_case>& info) { return std::string(info.param.shape); });
 
 // Any other value of the setting is named in a warning; the translation is

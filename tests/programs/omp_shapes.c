@@ -7,6 +7,8 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 static int created;
 
@@ -145,6 +147,12 @@ int main(int argc, char** argv) {
         /* The second argument: a shared object to load after start-up. */
         nested();
         if (argc < 3 || !dlopen(argv[2], RTLD_NOW)) return 2;
+    } else if (!strcmp(shape, "fork")) {
+        /* A child that ends normally, running the exit handlers. */
+        nested();
+        pid_t child = fork();
+        if (child == 0) exit(0);
+        if (child < 0 || waitpid(child, NULL, 0) != child) return 2;
     } else if (!strcmp(shape, "killed")) {
         nested();
         raise(SIGKILL);
