@@ -11,6 +11,10 @@
 // ompt_initialize before the first callback is registered, and only read
 // afterwards.
 //
+// VUN_OPENMP=detailed registers a second set of callbacks (the detailed
+// translation, at the end of the file): those keep a small state per task in
+// its slot and a stack of open intervals per thread, still without a lock.
+//
 // Callbacks run inside someone else's process: none lets an exception out,
 // and none dereferences a data pointer that the runtime may pass as null.
 
