@@ -27,3 +27,23 @@ if(_omp_example)
 else()
   message(STATUS "No OpenMP example: the tests under a real OpenMP runtime are not built")
 endif()
+
+# The detailed translation under LLVM's runtime 14, on programs of known shape
+# (position-independent, with a shared object to dlopen); 64-bit only, as
+# the runtime is.
+if(RYL_CLANG AND NOT CMAKE_SIZEOF_VOID_P EQUAL 4)
+  set(_shapes ${CMAKE_CURRENT_BINARY_DIR}/omp_shapes)
+  set(_plugin ${CMAKE_CURRENT_BINARY_DIR}/libryl_test_plugin.so)
+  add_custom_command(OUTPUT ${_shapes} ${_plugin}
+    COMMAND ${RYL_CLANG} -fopenmp -fPIE -pie -O1 -g -Wall -o ${_shapes}
+            ${CMAKE_CURRENT_SOURCE_DIR}/programs/omp_shapes.c -ldl
+    COMMAND ${RYL_CLANG} -shared -fPIC -g -o ${_plugin} ${CMAKE_CURRENT_SOURCE_DIR}/programs/plugin.c
+    DEPENDS programs/omp_shapes.c programs/plugin.c
+    COMMENT "Building the OpenMP test programs with clang -fopenmp"
+    VERBATIM)
+  add_custom_target(omp_test_programs ALL DEPENDS ${_shapes} ${_plugin})
+  ryl_add_test(ompt_detailed_test ompt_detailed_test.cpp ompt_support.cpp LABELS ompt no_sanitizer)
+  target_compile_definitions(ompt_detailed_test PRIVATE
+    RYL_OMP_SHAPES="${_shapes}" RYL_TEST_PLUGIN="${_plugin}")
+  add_dependencies(ompt_detailed_test omp_test_programs)
+endif()

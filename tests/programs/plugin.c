@@ -1,0 +1,1 @@
+int ryl_test_plugin(void) { return 42; }
