@@ -96,7 +96,7 @@ std::string trace_file_numbers() {
     std::vector<long> numbers;
     writer::ryl_collector* collector = writer::get_ftc();
     writer::collector_lock lock(collector);
-    if (!lock.mutex || collector->destroyed) return "";
+    if (!lock.mutex || collector->finished) return "";
     auto add = [&](const writer::trace_writer* w) {
         if (!w) return;
         size_t dot = w->path.rfind("/_ryl.");
