@@ -345,6 +345,8 @@ struct parser {
         auto owned = std::make_unique<element>(name, nullptr);
         element* e = owned.get();
         if (parent) {
+            // Room for a few children at once: fewer reallocations for short lists.
+            if (parent->child_elements.empty()) parent->child_elements.reserve(4);
             parent->child_elements.push_back(e);
             owned.release();
         } else {
