@@ -303,7 +303,8 @@ bool expect(trace_file& f, int t, const char* name, const char* expected, const 
         return false;
     }
     std::string found;
-    if (got == xml::token_start_tag && (t == xml::token_end_tag || t == xml::token_declaration)) {  // "<", and "/" or "?" may be missing
+    // "<", and "/" or "?" may be missing
+    if (got == xml::token_start_tag && (t == xml::token_end_tag || t == xml::token_declaration)) {
         const int after = token(f);
         if (after == xml::token_end && slot_at_end(*f.in, 0)) return set_cut_short(f), false;
         found = "\"<" + (after == xml::token_name ? printable(f.token, std::strlen(f.token)) : std::string()) + "\"";
@@ -319,10 +320,12 @@ bool expect(trace_file& f, int t, const char* name, const char* expected, const 
 
 // "<name>" and "</name>".
 bool open_tag(trace_file& f, const char* name, const char* expected, const field_ref* ref = nullptr) {
-    return expect(f, xml::token_start_tag, "", expected, ref) && expect(f, xml::token_name, name, expected, ref) && expect(f, xml::token_tag_close, "", expected, ref);
+    return expect(f, xml::token_start_tag, "", expected, ref) && expect(f, xml::token_name, name, expected, ref) &&
+           expect(f, xml::token_tag_close, "", expected, ref);
 }
 bool close_tag(trace_file& f, const char* name, const char* expected) {
-    return expect(f, xml::token_end_tag, "", expected) && expect(f, xml::token_name, name, expected) && expect(f, xml::token_tag_close, "", expected);
+    return expect(f, xml::token_end_tag, "", expected) && expect(f, xml::token_name, name, expected) &&
+           expect(f, xml::token_tag_close, "", expected);
 }
 
 // Content of a field that cannot hold "<": bytes up to the next "<", the end
@@ -458,7 +461,8 @@ bool open_trace(trace_file& f, const std::string& path) {
     const char* const decl = "the declaration <?xml version=\"1.0\"?>";
     const int first = token(f);
     if (first != xml::token_declaration) {
-        if (first == xml::token_end && slot_at_end(*f.in, 0) && (f.in->read_error || f.in->delivered == f.in->zero_run)) {
+        if (first == xml::token_end && slot_at_end(*f.in, 0) &&
+            (f.in->read_error || f.in->delivered == f.in->zero_run)) {
             at_minus_one(f, decl);  // empty, or zero bytes only
         } else if (first == xml::token_start_tag && nothing_follows(f)) {
             set_cut_short(f);  // "<" alone
@@ -469,8 +473,8 @@ bool open_trace(trace_file& f, const std::string& path) {
         }
         return false;
     }
-    if (!expect(f, xml::token_name, "xml", decl) || !expect(f, xml::token_name, "version", decl) || !expect(f, xml::token_equals, "", decl) ||
-        !expect(f, xml::token_string, "", decl))
+    if (!expect(f, xml::token_name, "xml", decl) || !expect(f, xml::token_name, "version", decl) ||
+        !expect(f, xml::token_equals, "", decl) || !expect(f, xml::token_string, "", decl))
         return false;
     if (std::strcmp(f.token, "1.0") != 0) {
         set_malformed(f, "XML version \"" + printable(f.token, std::strlen(f.token)) + "\"");
@@ -482,7 +486,9 @@ bool open_trace(trace_file& f, const std::string& path) {
     // The three attributes, in this order.
     static const char* const names[] = {"version", "ts_frequency", "hardware_concurrency"};
     for (const char* name : names) {
-        if (!expect(f, xml::token_name, name, head) || !expect(f, xml::token_equals, "", head) || !expect(f, xml::token_string, "", head)) return false;
+        if (!expect(f, xml::token_name, name, head) || !expect(f, xml::token_equals, "", head) ||
+            !expect(f, xml::token_string, "", head))
+            return false;
         uint64_t value = 0;
         if (!parse_number(f.token, std::strlen(f.token), value) ||
             (name == names[0] && value != 0) || (name == names[1] && value != 1000000000)) {
@@ -509,7 +515,8 @@ read_status next_record(trace_file& f, record& rec) {
         if (after == xml::token_end && slot_at_end(*f.in, 0)) return f.status = read_status::finished;
         return set_malformed(f, "more after \"</trace>\": " + describe(f, after));
     }
-    if (t != xml::token_start_tag) return set_malformed(f, std::string("expected ") + next + ", found " + describe(f, t));
+    if (t != xml::token_start_tag)
+        return set_malformed(f, std::string("expected ") + next + ", found " + describe(f, t));
     if (f.end_record_read) {
         if (nothing_follows(f)) return set_cut_short(f);  // "<" of "</trace>"
         return set_malformed(f, "a record after the end_of_records record");
