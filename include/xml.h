@@ -35,11 +35,23 @@ namespace xml {
 // Deepest element nesting the parser accepts; the root is level 1.
 constexpr int max_nesting_depth = 1000;
 
-// Splits the bytes of one file into tokens. next_token returns the token kind
-// as a character code:
-//   -1 end of input or malformed construct   34 '"' string     61 '=' equals
-//   62 '>' tag close    69 'E' "/>"           88 'X' "?>"       98 'b' "<" of a start tag
-//   99 'c' a whole comment   101 'e' "</"     110 'n' name      120 'x' "<?"
+// Token kinds returned by tokenizer::next_token; each value is the
+// character code the kind has always had.
+enum token_kind : int {
+    token_end = -1,                // end of input or malformed construct
+    token_string = '"',            // 34, a double-quoted string
+    token_equals = '=',            // 61
+    token_tag_close = '>',         // 62
+    token_empty_tag_close = 'E',   // 69, "/>"
+    token_declaration_close = 'X', // 88, "?>"
+    token_start_tag = 'b',         // 98, "<" of a start tag
+    token_comment = 'c',           // 99, a whole comment
+    token_end_tag = 'e',           // 101, "</"
+    token_name = 'n',              // 110
+    token_declaration = 'x',       // 120, "<?"
+};
+
+// Splits the bytes of one file into tokens; next_token returns a token_kind.
 // The end of input is kept in the look-ahead as the byte 0xFF, so a byte 0xFF
 // in the file ends the input between tokens and in text content.
 class XML_API tokenizer {
@@ -84,6 +96,7 @@ public:
     char next;           // the one after it
     char after_next;     // and the one after that; 0xFF stands for -1
     bool open_failed;    // the named file could not be opened
+    bool own_getc = false;  // getc is not overridden: the bytes are read straight from file
 };
 
 // A node of the element tree. An element owns the elements in its child list
@@ -147,7 +160,7 @@ public:
     // root->children(null, attribute, value); empty without a root.
     std::vector<element*> elems(const char* attribute, const char* value) const;
     // root->children(name, attribute, value); empty without a root.
-    std::vector<element*> elems(char* name, const char* attribute, const char* value) const;
+    std::vector<element*> elems(const char* name, const char* attribute, const char* value) const;
     // Writes the declaration line, then the root if there is one.
     void dump(std::ostream& os) const;
 

@@ -5,6 +5,7 @@
 #include <iostream>
 #include <memory>
 #include <new>
+#include <typeinfo>
 
 namespace xml {
 
@@ -25,12 +26,19 @@ inline int value_of(char slot) { return static_cast<signed char>(slot); }
 // The whitespace test of the tokenizer, inlined in its loops.
 inline bool whitespace(int c) { return !(c >= 33 && c <= 126) && c != -1; }
 
+// The next byte as getc gives it; without an override of getc the file is
+// read directly, saving a call per byte.
+inline int fetch(tokenizer& t) {
+    if (t.own_getc) return t.file ? getc_unlocked(t.file) : -1;
+    return t.getc();
+}
+
 // Moves the look-ahead on by one character; returns what getc gave, which
 // tells the end of input (-1) from a byte 0xFF (255).
 inline int shift(tokenizer& t) {
     t.current = t.next;
     t.next = t.after_next;
-    int c = t.getc();
+    int c = fetch(t);
     t.after_next = static_cast<char>(c);
     return c;
 }
@@ -90,19 +98,19 @@ int stay_at_end(tokenizer& t) {
 // by ">". Returns 99 with that ">" as the current character, or -1.
 int read_comment(tokenizer& t) {
     if (t.after_next != '-') return -1;
-    int c = t.getc();
+    int c = fetch(t);
     if (c != '-') return c == -1 ? stay_at_end(t) : -1;
     for (;;) {
-        c = t.getc();
+        c = fetch(t);
         if (c == '-') {
             int dashes = 1;
-            while ((c = t.getc()) == '-') ++dashes;
+            while ((c = fetch(t)) == '-') ++dashes;
             if (dashes >= 2 && c == '>') break;
         }
         if (c == -1) return stay_at_end(t);
     }
     t.next = '>';
-    t.after_next = static_cast<char>(t.getc());
+    t.after_next = static_cast<char>(fetch(t));
     skip_to_next(t);
     return 99;
 }
@@ -143,7 +151,7 @@ int tokenizer::next_char() {
 int tokenizer::look_ahead() {
     while (whitespace(value_of(next))) {
         next = after_next;
-        after_next = static_cast<char>(getc());
+        after_next = static_cast<char>(fetch(*this));
     }
     return value_of(next);
 }
@@ -151,8 +159,9 @@ int tokenizer::look_ahead() {
 int tokenizer::next_token(char* buf, int size) {
     if (open_failed) return -1;
     if (current == 0 && next == 0) {  // nothing read yet: fill the look-ahead
-        next = static_cast<char>(getc());
-        after_next = static_cast<char>(getc());
+        own_getc = typeid(*this) == typeid(tokenizer);
+        next = static_cast<char>(fetch(*this));
+        after_next = static_cast<char>(fetch(*this));
     }
     const int c = skip_to_next(*this);
     switch (c) {
@@ -336,6 +345,8 @@ struct parser {
         auto owned = std::make_unique<element>(name, nullptr);
         element* e = owned.get();
         if (parent) {
+            // Room for a few children at once: fewer reallocations for short lists.
+            if (parent->child_elements.empty()) parent->child_elements.reserve(4);
             parent->child_elements.push_back(e);
             owned.release();
         } else {
@@ -529,7 +540,7 @@ std::vector<element*> document::elems(const char* attribute, const char* value) 
     return root ? root->children(nullptr, attribute, value) : std::vector<element*>();
 }
 
-std::vector<element*> document::elems(char* name, const char* attribute, const char* value) const {
+std::vector<element*> document::elems(const char* name, const char* attribute, const char* value) const {
     return root ? root->children(name, attribute, value) : std::vector<element*>();
 }
 

@@ -243,18 +243,18 @@ inline bool same(const char* a, const char* b) {
 // What a token of kind t is, for messages; reads the tag name after "<" or "</".
 std::string describe(trace_file& f, int t) {
     switch (t) {
-    case -1: return "bytes that are not XML";
-    case 34: return "a quoted string";
-    case 61: return "\"=\"";
-    case 62: return "\">\"";
-    case 69: return "\"/>\"";
-    case 88: return "\"?>\"";
-    case 99: return "a comment";
-    case 120: return "\"<?\"";
-    case 98:
-    case 101: {
-        std::string tag = t == 98 ? "<" : "</";
-        if (token(f) == 110) tag += printable(f.token, std::strlen(f.token));
+    case xml::token_end: return "bytes that are not XML";
+    case xml::token_string: return "a quoted string";
+    case xml::token_equals: return "\"=\"";
+    case xml::token_tag_close: return "\">\"";
+    case xml::token_empty_tag_close: return "\"/>\"";
+    case xml::token_declaration_close: return "\"?>\"";
+    case xml::token_comment: return "a comment";
+    case xml::token_declaration: return "\"<?\"";
+    case xml::token_start_tag:
+    case xml::token_end_tag: {
+        std::string tag = t == xml::token_start_tag ? "<" : "</";
+        if (token(f) == xml::token_name) tag += printable(f.token, std::strlen(f.token));
         return "\"" + tag + "\"";
     }
     default: return "\"" + printable(f.token, std::strlen(f.token)) + "\"";
@@ -263,7 +263,7 @@ std::string describe(trace_file& f, int t) {
 
 // True when nothing but whitespace follows: a wrong token there is the
 // beginning of the right one, cut off.
-bool nothing_follows(trace_file& f) { return token(f) == -1 && slot_at_end(*f.in, 0); }
+bool nothing_follows(trace_file& f) { return token(f) == xml::token_end && slot_at_end(*f.in, 0); }
 
 bool is_prefix(const char* part, const char* whole) {
     const size_t n = std::strlen(part);
@@ -274,17 +274,18 @@ bool is_prefix(const char* part, const char* whole) {
 // When the file ends right after the beginning of that token, it is cut short.
 bool expect(trace_file& f, int t, const char* name, const char* expected, const field_ref* ref = nullptr) {
     const int got = token(f);
-    if (got == t && (t != 110 || same(f.token, name))) return true;
-    if (got == -1) {
+    if (got == t && (t != xml::token_name || same(f.token, name))) return true;
+    if (got == xml::token_end) {
         at_minus_one(f, expected, ref);
         return false;
     }
     std::string found;
-    if (got == 98 && (t == 101 || t == 120)) {  // "<", and "/" or "?" may be missing
+    // "<", and "/" or "?" may be missing
+    if (got == xml::token_start_tag && (t == xml::token_end_tag || t == xml::token_declaration)) {
         const int after = token(f);
-        if (after == -1 && slot_at_end(*f.in, 0)) return set_cut_short(f), false;
-        found = "\"<" + (after == 110 ? printable(f.token, std::strlen(f.token)) : std::string()) + "\"";
-    } else if (got == 110 && t == 110 && is_prefix(f.token, name)) {  // a name cut off
+        if (after == xml::token_end && slot_at_end(*f.in, 0)) return set_cut_short(f), false;
+        found = "\"<" + (after == xml::token_name ? printable(f.token, std::strlen(f.token)) : std::string()) + "\"";
+    } else if (got == xml::token_name && t == xml::token_name && is_prefix(f.token, name)) {  // a name cut off
         found = describe(f, got);
         if (nothing_follows(f)) return set_cut_short(f), false;
     } else {
@@ -296,10 +297,12 @@ bool expect(trace_file& f, int t, const char* name, const char* expected, const 
 
 // "<name>" and "</name>".
 bool open_tag(trace_file& f, const char* name, const char* expected, const field_ref* ref = nullptr) {
-    return expect(f, 98, "", expected, ref) && expect(f, 110, name, expected, ref) && expect(f, 62, "", expected, ref);
+    return expect(f, xml::token_start_tag, "", expected, ref) && expect(f, xml::token_name, name, expected, ref) &&
+           expect(f, xml::token_tag_close, "", expected, ref);
 }
 bool close_tag(trace_file& f, const char* name, const char* expected) {
-    return expect(f, 101, "", expected) && expect(f, 110, name, expected) && expect(f, 62, "", expected);
+    return expect(f, xml::token_end_tag, "", expected) && expect(f, xml::token_name, name, expected) &&
+           expect(f, xml::token_tag_close, "", expected);
 }
 
 // Content of a field that cannot hold "<": bytes up to the next "<", the end
@@ -434,32 +437,35 @@ bool open_trace(trace_file& f, const std::string& path) {
     f.in.reset(new trace_input(fd));
     const char* const decl = "the declaration <?xml version=\"1.0\"?>";
     const int first = token(f);
-    if (first != 120) {
-        if (first == -1 && slot_at_end(*f.in, 0) && (f.in->read_error || f.in->delivered == f.in->zero_run)) {
+    if (first != xml::token_declaration) {
+        if (first == xml::token_end && slot_at_end(*f.in, 0) &&
+            (f.in->read_error || f.in->delivered == f.in->zero_run)) {
             at_minus_one(f, decl);  // empty, or zero bytes only
-        } else if (first == 98 && nothing_follows(f)) {
+        } else if (first == xml::token_start_tag && nothing_follows(f)) {
             set_cut_short(f);  // "<" alone
-        } else if (first == -1) {
+        } else if (first == xml::token_end) {
             at_minus_one(f, decl);
         } else {
             set_malformed(f, "it does not begin with <?xml version=\"1.0\"?>");
         }
         return false;
     }
-    if (!expect(f, 110, "xml", decl) || !expect(f, 110, "version", decl) || !expect(f, 61, "", decl) ||
-        !expect(f, 34, "", decl))
+    if (!expect(f, xml::token_name, "xml", decl) || !expect(f, xml::token_name, "version", decl) ||
+        !expect(f, xml::token_equals, "", decl) || !expect(f, xml::token_string, "", decl))
         return false;
     if (std::strcmp(f.token, "1.0") != 0) {
         set_malformed(f, "XML version \"" + printable(f.token, std::strlen(f.token)) + "\"");
         return false;
     }
-    if (!expect(f, 88, "", decl)) return false;
+    if (!expect(f, xml::token_declaration_close, "", decl)) return false;
     const char* const head = "<trace version=\"0\" ts_frequency=\"1000000000\" hardware_concurrency=\"N\">";
-    if (!expect(f, 98, "", head) || !expect(f, 110, "trace", head)) return false;
+    if (!expect(f, xml::token_start_tag, "", head) || !expect(f, xml::token_name, "trace", head)) return false;
     // The three attributes, in this order.
     static const char* const names[] = {"version", "ts_frequency", "hardware_concurrency"};
     for (const char* name : names) {
-        if (!expect(f, 110, name, head) || !expect(f, 61, "", head) || !expect(f, 34, "", head)) return false;
+        if (!expect(f, xml::token_name, name, head) || !expect(f, xml::token_equals, "", head) ||
+            !expect(f, xml::token_string, "", head))
+            return false;
         uint64_t value = 0;
         if (!parse_number(f.token, std::strlen(f.token), value) ||
             (name == names[0] && value != 0) || (name == names[1] && value != 1000000000)) {
@@ -469,7 +475,7 @@ bool open_trace(trace_file& f, const std::string& path) {
         }
         f.hardware_concurrency = value;
     }
-    if (!expect(f, 62, "", head)) return false;
+    if (!expect(f, xml::token_tag_close, "", head)) return false;
     f.header_read = true;
     return true;
 }
@@ -478,15 +484,16 @@ read_status next_record(trace_file& f, record& rec) {
     if (f.status != read_status::record) return f.status;
     const char* const next = "<record> or </trace>";
     const int t = token(f);
-    if (t == -1) return at_minus_one(f, next);
-    if (t == 101) {
-        if (!expect(f, 110, "trace", next) || !expect(f, 62, "", next)) return f.status;
+    if (t == xml::token_end) return at_minus_one(f, next);
+    if (t == xml::token_end_tag) {
+        if (!expect(f, xml::token_name, "trace", next) || !expect(f, xml::token_tag_close, "", next)) return f.status;
         if (!f.end_record_read) return set_malformed(f, "\"</trace>\" before the end_of_records record");
         const int after = token(f);
-        if (after == -1 && slot_at_end(*f.in, 0)) return f.status = read_status::finished;
+        if (after == xml::token_end && slot_at_end(*f.in, 0)) return f.status = read_status::finished;
         return set_malformed(f, "more after \"</trace>\": " + describe(f, after));
     }
-    if (t != 98) return set_malformed(f, std::string("expected ") + next + ", found " + describe(f, t));
+    if (t != xml::token_start_tag)
+        return set_malformed(f, std::string("expected ") + next + ", found " + describe(f, t));
     if (f.end_record_read) {
         if (nothing_follows(f)) return set_cut_short(f);  // "<" of "</trace>"
         return set_malformed(f, "a record after the end_of_records record");
@@ -494,7 +501,7 @@ read_status next_record(trace_file& f, record& rec) {
     f.open_line = current_line(*f.in);
     f.open_kind = -1;
     f.open_fields = 0;
-    if (!expect(f, 110, "record", next) || !expect(f, 62, "", next)) return f.status;
+    if (!expect(f, xml::token_name, "record", next) || !expect(f, xml::token_tag_close, "", next)) return f.status;
 
     // The record's name.
     const field_ref name_ref{-2, 0}, timestamp_ref{-1, 0};
