@@ -231,7 +231,8 @@ int main(int argc, char** argv) {
     const std::string json = dir + "/trace.json", dot = dir + "/graph.dot";
     const std::vector<std::vector<std::string>> commands = {
         {RYL_TOOL, "check", dir}, {RYL_TOOL, "summary", dir},
-        {RYL_TOOL, "timeline", dir, "-o", json}, {RYL_TOOL, "graph", dir, "-o", dot}};
+        {RYL_TOOL, "timeline", dir, "-o", json}, {RYL_TOOL, "graph", dir, "-o", dot},
+        {RYL_TOOL, "export", "--otf2", dir, dir + "/otf2"}};
     int failed = 0;
     for (const auto& c : commands) {
         const result r = run(c);
@@ -242,6 +243,8 @@ int main(int argc, char** argv) {
     }
     struct stat st;
     if (stat(json.c_str(), &st) == 0) std::printf("\ntrace.json: %.0f MB\n", double(st.st_size) / (1 << 20));
+    std::fflush(stdout);
+    if (std::system(("du -sm '" + dir + "/otf2' | sed 's/\t.*/ MB: OTF2 archive/'").c_str()) != 0) std::puts("no OTF2 archive");
     std::string cleanup = "rm -rf '" + dir + "'";
     if (std::system(cleanup.c_str()) != 0) std::fprintf(stderr, "could not remove %s\n", dir.c_str());
     return failed ? 1 : 0;
