@@ -28,7 +28,7 @@ if(TARGET ryl)
 endif()
 # ryl run's default modes and ryl export, read back with otf2-print.
 if(TARGET ryl)
-  ryl_add_test(ryl_export_test ryl_export_test.cpp LABELS ryl no_sanitizer)
+  ryl_add_test(ryl_export_test ryl_export_test.cpp LABELS ryl no_sanitizer LIBS ryl_perfetto_proto)
   ryl_disable_in_32bit(ryl_export_test ryl_export.run_default_modes ryl_export.otf2_round_trips)
   target_compile_definitions(ryl_export_test PRIVATE RYL_TOOL="$<TARGET_FILE:ryl>")
   add_dependencies(ryl_export_test ryl)

@@ -1,11 +1,13 @@
-// ryl run's default modes seen through the files they leave, and ryl export
-// --otf2 read back with OTF2's own otf2-print: counts, names and ordering.
+// ryl run's default modes seen through the files they leave; ryl export
+// --otf2 read back with OTF2's own otf2-print and ryl timeline --perfetto with
+// the code generated from the same schema: counts, names and ordering.
 #include <gtest/gtest.h>
 
 #include <map>
 #include <sstream>
 
 #include "child.h"
+#include "perfetto_trace.pb.h"
 
 namespace {
 
@@ -48,6 +50,34 @@ TEST(ryl_export, run_default_modes) {
             }
         }
     }
+}
+
+// Slices of a Perfetto timeline by interned name; ordering and nesting per track.
+struct perfetto_summary {
+    std::map<std::string, int> begins;
+    int ends = 0, threads = 0;
+    bool ordered = true, nested = true;
+};
+
+perfetto_summary read_perfetto(const std::string& path) {
+    ryl::perfetto::Trace trace;
+    EXPECT_TRUE(trace.ParseFromString(read_file(path)));
+    perfetto_summary s;
+    std::map<uint64_t, std::string> names;
+    std::map<uint64_t, uint64_t> last;
+    std::map<uint64_t, int> depth;
+    for (const auto& p : trace.packet()) {
+        for (const auto& n : p.interned_data().event_names()) names[n.iid()] = n.name();
+        s.threads += p.track_descriptor().has_thread();
+        if (!p.has_track_event()) continue;
+        const auto& e = p.track_event();
+        const bool begin = e.type() == ryl::perfetto::TrackEvent::TYPE_SLICE_BEGIN;
+        begin ? void(s.begins[names.at(e.name_iid())]++) : void(s.ends++);
+        s.ordered = s.ordered && p.timestamp() >= last[e.track_uuid()];
+        last[e.track_uuid()] = p.timestamp();
+        s.nested = s.nested && (depth[e.track_uuid()] += begin ? 1 : -1) >= 0;
+    }
+    return s;
 }
 
 struct otf2_summary {
@@ -110,6 +140,16 @@ TEST(ryl_export, otf2_round_trips) {
         EXPECT_EQ(0, s.depth_errors);
         for (const auto& n : r.enters) EXPECT_EQ(n.second, s.enters.at(n.first)) << n.first;
         if (r.enters.empty()) EXPECT_TRUE(s.enters.empty());
+        ASSERT_EQ(0, ryl({"timeline", dir.path + "/run", "--perfetto", "-o", dir.path + "/t.pftrace"}).status);
+        const perfetto_summary p = read_perfetto(dir.path + "/t.pftrace");
+        EXPECT_EQ(s.enters, p.begins);
+        EXPECT_TRUE(p.ordered && p.nested);
+        int enters = 0;
+        for (const auto& n : s.enters) enters += n.second;
+        EXPECT_EQ(enters, p.ends);
+        int files = 0;
+        for (const std::string& f : list_dir(dir.path + "/run")) files += f.rfind("_ryl.", 0) == 0;
+        EXPECT_EQ(files, p.threads);
         const child_result again = ryl({"export", "--otf2", dir.path + "/run", dir.path + "/otf2"});
         EXPECT_EQ("ryl: " + dir.path + "/otf2: already exists; name a new directory\n", again.err);
     }
