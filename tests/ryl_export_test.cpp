@@ -150,6 +150,10 @@ TEST(ryl_export, otf2_round_trips) {
         int files = 0;
         for (const std::string& f : list_dir(dir.path + "/run")) files += f.rfind("_ryl.", 0) == 0;
         EXPECT_EQ(files, p.threads);
+        // Two directories: two processes in one archive, every event twice.
+        ASSERT_EQ(0, ryl({"export", "--otf2", dir.path + "/run", dir.path + "/run", dir.path + "/two"}).status);
+        for (const auto& n : read_archive(dir.path + "/two/traces.otf2").enters)
+            EXPECT_EQ(2 * s.enters.at(n.first), n.second) << n.first;
         const child_result again = ryl({"export", "--otf2", dir.path + "/run", dir.path + "/otf2"});
         EXPECT_EQ("ryl: " + dir.path + "/otf2: already exists; name a new directory\n", again.err);
     }

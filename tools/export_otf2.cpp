@@ -1,8 +1,9 @@
-// ryl export --otf2 DIR OUT: a run directory as an OTF2 archive (OUT/traces.otf2
-// with its event and definition files), for Vampir, Scalasca, Cube and every
-// other OTF2 reader.
+// ryl export --otf2 DIR... OUT: run directories as one OTF2 archive
+// (OUT/traces.otf2 with its event and definition files), for Vampir, Scalasca,
+// Cube and every other OTF2 reader.
 //
-// One location (a CPU thread) per trace file, one region per task name. Task
+// One location group (a process) per run directory, one location (a CPU
+// thread) per trace file, one region per task name. Task
 // begins and ends become Enter and Leave events, paired per file in file order
 // as the timeline pairs them: an end closes the innermost open task, an end
 // with none open is dropped, tasks still open are closed at the file's last
@@ -15,6 +16,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cerrno>
 #include <cstring>
 #include <map>
@@ -34,12 +36,15 @@ struct definitions {
     std::vector<std::string> strings;
     std::map<std::string, OTF2_StringRef> string_refs;
     std::vector<OTF2_StringRef> region_names;              // by region ref
-    std::map<uint64_t, OTF2_RegionRef> region_of_handle;   // task name handle -> region
+    std::map<uint64_t, OTF2_RegionRef> region_of_handle;   // task name handle -> region, this directory
+    std::map<OTF2_StringRef, OTF2_RegionRef> region_of_name;
     struct location {
         std::string name;
         uint64_t events = 0;
+        OTF2_LocationGroupRef process = 0;
     };
     std::vector<location> locations;
+    std::vector<std::string> processes;  // the run directories
 };
 
 OTF2_StringRef string_ref(definitions& d, const std::string& text) {
@@ -49,9 +54,12 @@ OTF2_StringRef string_ref(definitions& d, const std::string& text) {
 }
 
 OTF2_RegionRef region_ref(definitions& d, const name_table& names, uint64_t handle) {
-    const auto it = d.region_of_handle.emplace(handle, OTF2_RegionRef(d.region_names.size()));
-    if (it.second) d.region_names.push_back(string_ref(d, string_name(names, handle)));
-    return it.first->second;
+    const auto known = d.region_of_handle.find(handle);
+    if (known != d.region_of_handle.end()) return known->second;
+    const OTF2_StringRef name = string_ref(d, string_name(names, handle));
+    const auto it = d.region_of_name.emplace(name, OTF2_RegionRef(d.region_names.size()));
+    if (it.second) d.region_names.push_back(name);
+    return d.region_of_handle[handle] = it.first->second;
 }
 
 constexpr OTF2_AttributeRef attribute_id = 0, attribute_parent = 1;
@@ -62,7 +70,7 @@ bool export_file(OTF2_Archive* archive, definitions& d, const name_table& names,
     trace_file f;
     if (!open_for_reading(f, p)) return false;
     const OTF2_LocationRef location = d.locations.size();
-    d.locations.push_back({p.name, 0});
+    d.locations.push_back({p.name, 0, OTF2_LocationGroupRef(d.processes.size() - 1)});
     OTF2_EvtWriter* w = OTF2_Archive_GetEvtWriter(archive, location);
     OTF2_AttributeList* attributes = OTF2_AttributeList_New();
     std::vector<OTF2_RegionRef> open;
@@ -94,20 +102,21 @@ bool export_file(OTF2_Archive* archive, definitions& d, const name_table& names,
     return done_reading(f, p, true);
 }
 
-void write_definitions(OTF2_Archive* archive, definitions& d, const std::string& dir, uint64_t origin,
-                       uint64_t last) {
+void write_definitions(OTF2_Archive* archive, definitions& d, uint64_t origin, uint64_t last) {
     OTF2_Archive_OpenDefFiles(archive);
     for (size_t l = 0; l < d.locations.size(); ++l)
         OTF2_Archive_CloseDefWriter(archive, OTF2_Archive_GetDefWriter(archive, l));
     OTF2_Archive_CloseDefFiles(archive);
 
     const OTF2_StringRef empty = string_ref(d, ""), machine = string_ref(d, "machine"),
-                         node = string_ref(d, "node"), process = string_ref(d, "ryl " + dir),
+                         node = string_ref(d, "node"),
                          id_name = string_ref(d, "id"), parent_name = string_ref(d, "parent"),
                          id_text = string_ref(d, "first word of the task's id"),
                          parent_text = string_ref(d, "first word of the parent task's id");
     std::vector<OTF2_StringRef> location_names;
     for (const auto& l : d.locations) location_names.push_back(string_ref(d, l.name));
+    std::vector<OTF2_StringRef> process_names;
+    for (const auto& p : d.processes) process_names.push_back(string_ref(d, "ryl " + p));
 
     OTF2_GlobalDefWriter* g = OTF2_Archive_GetGlobalDefWriter(archive);
     OTF2_GlobalDefWriter_WriteClockProperties(g, 1000000000, origin, last - origin + 1, OTF2_UNDEFINED_UINT64);
@@ -118,26 +127,35 @@ void write_definitions(OTF2_Archive* archive, definitions& d, const std::string&
         OTF2_GlobalDefWriter_WriteRegion(g, r, d.region_names[r], d.region_names[r], empty, OTF2_REGION_ROLE_TASK,
                                          OTF2_PARADIGM_USER, OTF2_REGION_FLAG_NONE, empty, 0, 0);
     OTF2_GlobalDefWriter_WriteSystemTreeNode(g, 0, machine, node, OTF2_UNDEFINED_SYSTEM_TREE_NODE);
-    OTF2_GlobalDefWriter_WriteLocationGroup(g, 0, process, OTF2_LOCATION_GROUP_TYPE_PROCESS, 0,
-                                            OTF2_UNDEFINED_LOCATION_GROUP);
+    for (size_t p = 0; p < d.processes.size(); ++p)
+        OTF2_GlobalDefWriter_WriteLocationGroup(g, p, process_names[p], OTF2_LOCATION_GROUP_TYPE_PROCESS, 0,
+                                                OTF2_UNDEFINED_LOCATION_GROUP);
     for (size_t l = 0; l < d.locations.size(); ++l)
         OTF2_GlobalDefWriter_WriteLocation(g, l, location_names[l], OTF2_LOCATION_TYPE_CPU_THREAD,
-                                           d.locations[l].events, 0);
+                                           d.locations[l].events, d.locations[l].process);
 }
 
 }  // namespace
 
 int export_command(const std::vector<std::string>& args) {
-    if (args.size() != 3 || args[0] != "--otf2" || args[1].empty() || args[2].empty()) {
-        error_line("usage: ryl export --otf2 DIR OUT");
+    bool bad = args.size() < 3 || args[0] != "--otf2";
+    for (const std::string& a : args) bad = bad || a.empty();
+    if (bad) {
+        error_line("usage: ryl export --otf2 DIR... OUT");
         return exit_usage;
     }
-    const std::string &dir = args[1], &out = args[2];
-    std::vector<trace_path> files;
-    if (!list_trace_files(dir, files)) return exit_error;
-    name_table names;
-    uint64_t origin = 0;
-    if (!collect_names(files, names, origin)) return exit_error;
+    const std::vector<std::string> dirs(args.begin() + 1, args.end() - 1);
+    const std::string& out = args.back();
+    // Every directory is listed and its names read first: the run's earliest
+    // timestamp is the archive's time origin.
+    std::vector<std::vector<trace_path>> files(dirs.size());
+    std::vector<name_table> names(dirs.size());
+    uint64_t origin = UINT64_MAX;
+    for (size_t i = 0; i < dirs.size(); ++i) {
+        uint64_t first = 0;
+        if (!list_trace_files(dirs[i], files[i]) || !collect_names(files[i], names[i], first)) return exit_error;
+        origin = std::min(origin, first);
+    }
     struct stat st;
     if (::stat(out.c_str(), &st) == 0) {
         error_line(out + ": already exists; name a new directory");
@@ -155,10 +173,14 @@ int export_command(const std::vector<std::string>& args) {
     definitions d;
     uint64_t last = origin;
     bool ok = true;
-    for (const trace_path& p : files)
-        if (!(ok = export_file(archive, d, names, p, origin, last))) break;
+    for (size_t i = 0; i < dirs.size() && ok; ++i) {
+        d.processes.push_back(dirs[i]);
+        d.region_of_handle.clear();  // handles are numbers of one process
+        for (const trace_path& p : files[i])
+            if (!(ok = export_file(archive, d, names[i], p, origin, last))) break;
+    }
     OTF2_Archive_CloseEvtFiles(archive);
-    write_definitions(archive, d, dir, origin, last);
+    write_definitions(archive, d, origin, last);
     if (OTF2_Archive_Close(archive) != OTF2_SUCCESS) {
         error_line(out + ": write error in the OTF2 archive");
         return exit_error;

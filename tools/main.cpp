@@ -76,7 +76,7 @@ const char usage[] =
     "  ryl summary DIR                      what every thread recorded\n"
     "  ryl timeline DIR [-o FILE.json]      task timelines as Chrome trace-event JSON\n"
     "  ryl graph DIR [-o FILE.dot [--svg | --png]]   the task graph in Graphviz DOT\n"
-    "  ryl export --otf2 DIR OUT              the run as an OTF2 archive (OUT/traces.otf2)\n"
+    "  ryl export --otf2 DIR... OUT           the runs as one OTF2 archive (OUT/traces.otf2)\n"
     "DIR is a run directory (its files _ryl.0, _ryl.1, ...) or one trace file.\n";
 
 int dispatch(const std::string& command, const std::vector<std::string>& args) {
