@@ -29,6 +29,8 @@ struct writer {
     std::string bytes;
     bool first = true;
     std::unordered_map<uint64_t, uint64_t> iid_of_handle;  // task name handle -> interned iid
+    perfetto::TracePacket event;  // reused: no allocation per event
+    std::string body;
 };
 
 void put_varint(std::string& s, uint64_t v) {
@@ -40,16 +42,16 @@ void emit(writer& w, perfetto::TracePacket& packet) {
     packet.set_trusted_packet_sequence_id(sequence_id);
     if (w.first) packet.set_sequence_flags(incremental_state_cleared);
     w.first = false;
-    std::string body;
-    packet.SerializeToString(&body);
+    packet.SerializeToString(&w.body);
     w.bytes.assign(1, char(0x0a));  // Trace.packet: field 1, length-delimited
-    put_varint(w.bytes, body.size());
-    w.bytes += body;
+    put_varint(w.bytes, w.body.size());
+    w.bytes += w.body;
     std::fwrite(w.bytes.data(), 1, w.bytes.size(), w.out.file);
 }
 
 void slice(writer& w, uint64_t track, uint64_t ts, bool begin, uint64_t name_handle, const name_table& names) {
-    perfetto::TracePacket packet;
+    perfetto::TracePacket& packet = w.event;
+    packet.Clear();
     packet.set_timestamp(ts);
     perfetto::TrackEvent* e = packet.mutable_track_event();
     e->set_track_uuid(track);
