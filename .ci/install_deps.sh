@@ -5,7 +5,8 @@ set -euo pipefail
 packages=(cmake ninja-build g++ clang libomp-14-dev libclang-rt-14-dev libgtest-dev
           libbenchmark-dev binutils pkg-config libpugixml-dev libtinyxml2-dev libxml2-dev
           libexpat1-dev nlohmann-json3-dev graphviz g++-multilib googletest
-          dpkg-dev "$@")
+          libotf2-trace-dev otf2-tools libprotobuf-dev protobuf-compiler
+          dpkg-dev libdw-dev "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -231,17 +231,24 @@ int main(int argc, char** argv) {
     const std::string json = dir + "/trace.json", dot = dir + "/graph.dot";
     const std::vector<std::vector<std::string>> commands = {
         {RYL_TOOL, "check", dir}, {RYL_TOOL, "summary", dir},
-        {RYL_TOOL, "timeline", dir, "-o", json}, {RYL_TOOL, "graph", dir, "-o", dot}};
+        {RYL_TOOL, "timeline", dir, "-o", json}, {RYL_TOOL, "graph", dir, "-o", dot},
+        {RYL_TOOL, "export", "--otf2", dir, dir + "/otf2"},
+        {RYL_TOOL, "timeline", dir, "--perfetto", "-o", dir + "/trace.pftrace"}};
     int failed = 0;
     for (const auto& c : commands) {
         const result r = run(c);
-        std::printf("%-10s %6d %9.2f %9.1f %14.1f\n", c[1].c_str(), r.status, r.seconds, mb / r.seconds,
+        std::printf("%-10s %6d %9.2f %9.1f %14.1f\n", c.back() == dir + "/trace.pftrace" ? "perfetto" : c[1].c_str(),
+                    r.status, r.seconds, mb / r.seconds,
                     double(r.peak_kb) / 1024);
         // check reports the file that was cut short (3); the others succeed.
         failed += r.status != (c[1] == "check" ? 3 : 0);
     }
     struct stat st;
     if (stat(json.c_str(), &st) == 0) std::printf("\ntrace.json: %.0f MB\n", double(st.st_size) / (1 << 20));
+    std::fflush(stdout);
+    if (stat((dir + "/trace.pftrace").c_str(), &st) == 0)
+        std::printf("trace.pftrace: %.0f MB\n", double(st.st_size) / (1 << 20));
+    if (std::system(("du -sm '" + dir + "/otf2' | sed 's/\t.*/ MB: OTF2 archive/'").c_str()) != 0) std::puts("no OTF2 archive");
     std::string cleanup = "rm -rf '" + dir + "'";
     if (std::system(cleanup.c_str()) != 0) std::fprintf(stderr, "could not remove %s\n", dir.c_str());
     return failed ? 1 : 0;

@@ -336,8 +336,8 @@ TEST(ryl_errors, one_line_and_an_exit_status) {
         {{"check", unreadable}, 1, "ryl: " + unreadable + "/_ryl.0: read error: Is a directory"},
         {{"timeline", good, "-o", dir.path + "/no/dir.json"}, 1, "ryl: " + dir.path + "/no/dir.json: cannot write: No such file"},
         {{"graph", empty, "--svg"}, 2, "ryl: usage: ryl graph DIR [-o FILE.dot [--svg | --png]]"},
-        {{"timeline", empty, "-x"}, 2, "ryl: usage: ryl timeline DIR [-o FILE.json]"},
-        {{"run"}, 2, "ryl: usage: ryl run [-o DIR] -- PROGRAM [ARGS]"},
+        {{"timeline", empty, "-x"}, 2, "ryl: usage: ryl timeline DIR [-o FILE.json | --perfetto -o FILE.pftrace]"},
+        {{"run"}, 2, "ryl: usage: ryl run [-o DIR] [--stream] [--plain] -- PROGRAM [ARGS]"},
         {{"check", good + "/_ryl.0"}, 0, ""},  // one file instead of a directory
         {{"help"}, 0, ""},
     };

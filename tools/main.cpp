@@ -12,11 +12,14 @@ namespace {
 
 const char usage[] =
     "usage: ryl COMMAND ...\n"
-    "  ryl run [-o DIR] -- PROGRAM [ARGS]   run PROGRAM with the collector, then print its summary\n"
+    "  ryl run [-o DIR] [--stream] [--plain] -- PROGRAM [ARGS]   run PROGRAM with the collector\n"
+    "                                       (mapped files, detailed OpenMP), then print its summary\n"
     "  ryl check DIR                        validate every trace file of a run directory\n"
     "  ryl summary DIR                      what every thread recorded\n"
+    "  ryl profile DIR [--json]             where the time goes: task kinds, regions, work and span\n"
     "  ryl timeline DIR [-o FILE.json]      task timelines as Chrome trace-event JSON\n"
     "  ryl graph DIR [-o FILE.dot [--svg | --png]]   the task graph in Graphviz DOT\n"
+    "  ryl export --otf2 DIR... OUT           the runs as one OTF2 archive (OUT/traces.otf2)\n"
     "DIR is a run directory (its files _ryl.0, _ryl.1, ...) or one trace file.\n";
 
 int dispatch(const std::string& command, const std::vector<std::string>& args) {
@@ -25,6 +28,8 @@ int dispatch(const std::string& command, const std::vector<std::string>& args) {
     if (command == "summary") return ryl::summary_command(args);
     if (command == "timeline") return ryl::timeline_command(args);
     if (command == "graph") return ryl::graph_command(args);
+    if (command == "export") return ryl::export_command(args);
+    if (command == "profile") return ryl::profile_command(args);
     if (command == "help" || command == "--help" || command == "-h") {
         std::fputs(usage, stdout);
         return ryl::exit_ok;

@@ -1,5 +1,8 @@
-// ryl run [-o DIR] -- PROGRAM [ARGS]: runs a program with the collector
-// loaded and a fresh run directory, then prints the summary of that directory.
+// ryl run [-o DIR] [--stream] [--plain] -- PROGRAM [ARGS]: runs a program with
+// the collector loaded and a fresh run directory, then prints the summary of
+// that directory. Files are written in mapped mode with the detailed OpenMP
+// translation unless the flags, or the user's own VUN_MODE / VUN_OPENMP, say
+// otherwise: a flag wins over the environment, the environment over the default.
 #include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -120,8 +123,20 @@ void prepend(const char* name, const std::string& value, char separator) {
 }
 
 // Starts the program; -1 (message printed) when it cannot be started.
+// The settings ryl run gives the program.
+struct run_settings {
+    bool stream = false;  // --stream: VUN_MODE=stream
+    bool plain = false;   // --plain: VUN_OPENMP=plain
+};
+
+// Sets name to value when forced, else only when the user left it unset or empty.
+void set_default(const char* name, const char* value, bool forced) {
+    const char* old = std::getenv(name);
+    if (forced || !old || !*old) ::setenv(name, value, 1);
+}
+
 pid_t start(const std::vector<std::string>& command, const std::string& library, const std::string& dir,
-            const struct sigaction& old_int, const struct sigaction& old_quit) {
+            const run_settings& settings, const struct sigaction& old_int, const struct sigaction& old_quit) {
     int report[2];
     if (::pipe2(report, O_CLOEXEC) != 0) {
         error_line(std::string("cannot start ") + command[0] + ": " + std::strerror(errno));
@@ -135,6 +150,8 @@ pid_t start(const std::vector<std::string>& command, const std::string& library,
         ::sigaction(SIGINT, &old_int, nullptr);
         ::sigaction(SIGQUIT, &old_quit, nullptr);
         ::setenv("VUN_DIR", dir.c_str(), 1);
+        set_default("VUN_MODE", settings.stream ? "stream" : "mapped", settings.stream);
+        set_default("VUN_OPENMP", settings.plain ? "plain" : "detailed", settings.plain);
         prepend("LD_PRELOAD", library, ':');
         prepend("OMP_TOOL_LIBRARIES", library, ':');
         std::vector<char*> argv;
@@ -169,17 +186,25 @@ pid_t start(const std::vector<std::string>& command, const std::string& library,
 
 int run_command(const std::vector<std::string>& args) {
     std::string named;
+    run_settings settings;
     size_t i = 0;
     bool bad = false;
-    if (args.size() >= 2 && args[0] == "-o") {
-        named = args[1];
-        bad = named.empty();
-        i = 2;
+    for (; i < args.size() && !bad; ++i) {
+        if (args[i] == "-o" && i + 1 < args.size() && named.empty()) {
+            named = args[++i];
+            bad = named.empty();
+        } else if (args[i] == "--stream") {
+            settings.stream = true;
+        } else if (args[i] == "--plain") {
+            settings.plain = true;
+        } else {
+            break;
+        }
     }
     const bool dashes = i < args.size() && args[i] == "--";
     if (dashes) ++i;
     if (bad || i >= args.size() || (!dashes && args[i][0] == '-')) {
-        error_line("usage: ryl run [-o DIR] -- PROGRAM [ARGS]");
+        error_line("usage: ryl run [-o DIR] [--stream] [--plain] -- PROGRAM [ARGS]");
         return exit_usage;
     }
     const std::vector<std::string> command(args.begin() + long(i), args.end());
@@ -193,7 +218,7 @@ int run_command(const std::vector<std::string>& args) {
     ignore.sa_handler = SIG_IGN;
     ::sigaction(SIGINT, &ignore, &old_int);
     ::sigaction(SIGQUIT, &ignore, &old_quit);
-    const pid_t pid = start(command, library, dir, old_int, old_quit);
+    const pid_t pid = start(command, library, dir, settings, old_int, old_quit);
     int status = 0;
     if (pid > 0)
         while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {

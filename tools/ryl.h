@@ -91,7 +91,9 @@ int check_command(const std::vector<std::string>& args);
 int summary_command(const std::vector<std::string>& args);
 int timeline_command(const std::vector<std::string>& args);
 int graph_command(const std::vector<std::string>& args);
+int profile_command(const std::vector<std::string>& args);
 int run_command(const std::vector<std::string>& args);
+int export_command(const std::vector<std::string>& args);
 // Prints the summary of a run directory to standard output; the exit status.
 int print_summary(const std::string& dir);
 

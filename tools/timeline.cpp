@@ -13,6 +13,9 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
+#include <sys/stat.h>
+
+#include "perfetto.h"
 #include "ryl.h"
 
 namespace ryl {
@@ -118,12 +121,25 @@ json metadata(const char* what, unsigned long tid, const json& args) {
     return json{{"ph", "M"}, {"pid", 1}, {"tid", tid}, {"name", what}, {"args", args}};
 }
 
+// The JSON timeline is about half the bytes of the trace files; the Perfetto
+// UI fails to load JSON much past 250 MB.
+void warn_when_too_large(const std::vector<trace_path>& files) {
+    uint64_t bytes = 0;
+    struct stat st;
+    for (const trace_path& p : files)
+        if (::stat(p.path.c_str(), &st) == 0) bytes += uint64_t(st.st_size);
+    const uint64_t json_mb = bytes / 2 >> 20;
+    if (json_mb > 250)
+        error_line("warning: this JSON timeline will be about " + std::to_string(json_mb) +
+                   " MB, too large for the Perfetto UI to open; write the compact form with --perfetto -o FILE.pftrace");
+}
+
 }  // namespace
 
 int timeline_command(const std::vector<std::string>& args) {
     command_line cl;
-    if (!parse_command_line(args, {}, cl)) {
-        error_line("usage: ryl timeline DIR [-o FILE.json]");
+    if (!parse_command_line(args, {"--perfetto"}, cl)) {
+        error_line("usage: ryl timeline DIR [-o FILE.json | --perfetto -o FILE.pftrace]");
         return exit_usage;
     }
     const std::string& dir = cl.dir;
@@ -133,6 +149,8 @@ int timeline_command(const std::vector<std::string>& args) {
     timeline t;
     t.names = &names;
     if (!collect_names(files, names, t.origin)) return exit_error;
+    if (!cl.flags.empty()) return write_perfetto_timeline(dir, files, names, t.origin, cl.out);
+    warn_when_too_large(files);
     if (!open_output(t.out, cl.out)) return exit_error;
 
     const json other = {{"run_directory", dir}, {"time_origin_ns", std::to_string(t.origin)}};

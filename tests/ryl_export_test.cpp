@@ -1,0 +1,163 @@
+// ryl run's default modes seen through the files they leave; ryl export
+// --otf2 read back with OTF2's own otf2-print and ryl timeline --perfetto with
+// the code generated from the same schema: counts, names and ordering.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <sstream>
+
+#include "child.h"
+#include "perfetto_trace.pb.h"
+
+namespace {
+
+child_result ryl(std::vector<std::string> args, const std::vector<std::pair<std::string, std::string>>& env = {}) {
+    args.insert(args.begin(), RYL_TOOL);
+    return run_program(args, env, {"LD_PRELOAD", "OMP_TOOL_LIBRARIES", "RYL_LIBRARY", "VUN_MODE", "VUN_OPENMP"});
+}
+
+bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// The settings a program gets, and whether a killed program's files end in the
+// zero bytes of mapped mode: flag over the user's environment over the default.
+TEST(ryl_export, run_default_modes) {
+    struct row {
+        std::vector<std::string> flags;
+        std::vector<std::pair<std::string, std::string>> env;
+        const char* mode;
+        const char* openmp;
+    };
+    const row rows[] = {{{}, {}, "mapped", "detailed"},
+                        {{"--stream", "--plain"}, {}, "stream", "plain"},
+                        {{}, {{"VUN_MODE", "stream"}, {"VUN_OPENMP", "plain"}}, "stream", "plain"},
+                        {{"--stream"}, {{"VUN_MODE", "mapped"}}, "stream", "detailed"}};
+    for (const row& r : rows) {
+        temp_dir dir;
+        std::vector<std::string> args = {"run", "-o", dir.path + "/env"};
+        args.insert(args.end(), r.flags.begin(), r.flags.end());
+        for (const char* p : {"env", "sh -c 'kill -9 $$'"}) {
+            std::vector<std::string> a = args;
+            if (p[0] == 's') a[2] = dir.path + "/killed";
+            a.insert(a.end(), {"--", "sh", "-c", p[0] == 'e' ? "env" : "kill -9 $$"});
+            const child_result c = ryl(a, r.env);
+            if (p[0] == 'e') {
+                EXPECT_TRUE(has(c.out, std::string("\nVUN_MODE=") + r.mode + "\n")) << c.out;
+                EXPECT_TRUE(has(c.out, std::string("\nVUN_OPENMP=") + r.openmp + "\n")) << c.out;
+            } else {
+                EXPECT_EQ(137, c.status) << c.err;
+                const child_result check = ryl({"check", dir.path + "/killed"});
+                EXPECT_EQ(std::string(r.mode) == "mapped", has(check.out, "zero bytes")) << check.out;
+            }
+        }
+    }
+}
+
+// Slices of a Perfetto timeline by interned name; ordering and nesting per track.
+struct perfetto_summary {
+    std::map<std::string, int> begins;
+    int ends = 0, threads = 0;
+    bool ordered = true, nested = true;
+};
+
+perfetto_summary read_perfetto(const std::string& path) {
+    ryl::perfetto::Trace trace;
+    EXPECT_TRUE(trace.ParseFromString(read_file(path)));
+    perfetto_summary s;
+    std::map<uint64_t, std::string> names;
+    std::map<uint64_t, uint64_t> last;
+    std::map<uint64_t, int> depth;
+    for (const auto& p : trace.packet()) {
+        for (const auto& n : p.interned_data().event_names()) names[n.iid()] = n.name();
+        s.threads += p.track_descriptor().has_thread();
+        if (!p.has_track_event()) continue;
+        const auto& e = p.track_event();
+        const bool begin = e.type() == ryl::perfetto::TrackEvent::TYPE_SLICE_BEGIN;
+        begin ? void(s.begins[names.at(e.name_iid())]++) : void(s.ends++);
+        s.ordered = s.ordered && p.timestamp() >= last[e.track_uuid()];
+        last[e.track_uuid()] = p.timestamp();
+        s.nested = s.nested && (depth[e.track_uuid()] += begin ? 1 : -1) >= 0;
+    }
+    return s;
+}
+
+struct otf2_summary {
+    std::map<std::string, int> enters, leaves;  // by region name
+    bool ordered = true;                        // timestamps never go back on a location
+    int depth_errors = 0;                       // leaves without an enter on their location
+};
+
+// Reads otf2-print's event listing of an archive.
+otf2_summary read_archive(const std::string& archive) {
+    const child_result r = run_program({"otf2-print", archive}, {});
+    EXPECT_EQ(0, r.status) << r.err;
+    otf2_summary s;
+    std::map<unsigned long, unsigned long long> last;
+    std::map<unsigned long, int> depth;
+    std::istringstream in(r.out);
+    std::string line;
+    while (std::getline(in, line)) {
+        std::istringstream words(line);
+        std::string event;
+        unsigned long location = 0;
+        unsigned long long ts = 0;
+        if (!(words >> event >> location >> ts) || (event != "ENTER" && event != "LEAVE")) continue;
+        const size_t q = line.find('"');
+        const std::string name = line.substr(q + 1, line.find('"', q + 1) - q - 1);
+        (event == "ENTER" ? s.enters : s.leaves)[name]++;
+        if (ts < last[location]) s.ordered = false;
+        last[location] = ts;
+        if ((depth[location] += event == "ENTER" ? 1 : -1) < 0) s.depth_errors++;
+    }
+    return s;
+}
+
+TEST(ryl_export, otf2_round_trips) {
+    if (run_program({"sh", "-c", "command -v otf2-print"}, {}).status != 0) GTEST_SKIP() << "otf2-tools missing";
+    struct row {
+        std::vector<std::string> program;
+        std::map<std::string, int> enters;  // exact counts, where known
+        int status;
+    };
+    const row rows[] = {
+#ifdef RYL_THREADS_EXAMPLE
+        {{RYL_THREADS_EXAMPLE}, {{"work", 3}, {"step", 9}}, 0},
+#endif
+#ifdef RYL_OMP_EXAMPLE
+        {{RYL_OMP_EXAMPLE}, {{"omp_parallel", 3}, {"omp_implicit", 6}}, 0},
+#endif
+        {{"sh", "-c", "kill -9 $$"}, {}, 137},
+    };
+    for (const row& r : rows) {
+        temp_dir dir;
+        std::vector<std::string> args = {"run", "-o", dir.path + "/run", "--"};
+        args.insert(args.end(), r.program.begin(), r.program.end());
+        ASSERT_EQ(r.status, ryl(args, {{"OMP_NUM_THREADS", "2,2"}}).status);
+        const child_result e = ryl({"export", "--otf2", dir.path + "/run", dir.path + "/otf2"});
+        ASSERT_EQ(0, e.status) << e.err;
+        const otf2_summary s = read_archive(dir.path + "/otf2/traces.otf2");
+        EXPECT_EQ(s.enters, s.leaves);
+        EXPECT_TRUE(s.ordered);
+        EXPECT_EQ(0, s.depth_errors);
+        for (const auto& n : r.enters) EXPECT_EQ(n.second, s.enters.at(n.first)) << n.first;
+        if (r.enters.empty()) EXPECT_TRUE(s.enters.empty());
+        ASSERT_EQ(0, ryl({"timeline", dir.path + "/run", "--perfetto", "-o", dir.path + "/t.pftrace"}).status);
+        const perfetto_summary p = read_perfetto(dir.path + "/t.pftrace");
+        EXPECT_EQ(s.enters, p.begins);
+        EXPECT_TRUE(p.ordered && p.nested);
+        int enters = 0;
+        for (const auto& n : s.enters) enters += n.second;
+        EXPECT_EQ(enters, p.ends);
+        int files = 0;
+        for (const std::string& f : list_dir(dir.path + "/run")) files += f.rfind("_ryl.", 0) == 0;
+        EXPECT_EQ(files, p.threads);
+        // Two directories: two processes in one archive, every event twice.
+        ASSERT_EQ(0, ryl({"export", "--otf2", dir.path + "/run", dir.path + "/run", dir.path + "/two"}).status);
+        for (const auto& n : read_archive(dir.path + "/two/traces.otf2").enters)
+            EXPECT_EQ(2 * s.enters.at(n.first), n.second) << n.first;
+        const child_result again = ryl({"export", "--otf2", dir.path + "/run", dir.path + "/otf2"});
+        EXPECT_EQ("ryl: " + dir.path + "/otf2: already exists; name a new directory\n", again.err);
+    }
+    EXPECT_EQ(2, ryl({"export", "--otf2", "DIR"}).status);
+}
+
+}  // namespace

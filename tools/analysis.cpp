@@ -1,0 +1,474 @@
+// One pass over each file of a run: task_begin and task_end nest on a thread,
+// so a stack per file gives every interval and its exclusive time. Explicit
+// tasks keep a compact node each (creator, site, work, first begin, end) for
+// the span; everything else is aggregated by site as it is read.
+#include "analysis.h"
+
+#include <algorithm>
+#include <unordered_map>
+
+namespace ryl {
+
+namespace {
+
+constexpr uint32_t no_node = UINT32_MAX;
+constexpr size_t max_open = 1 << 16;  // deeper nesting is counted, not timed
+
+// A task of the graph: explicit, implicit or a parallel region's own task.
+struct task_node {
+    uint32_t creator = no_node;
+    interval_kind kind = interval_kind::explicit_task;
+    uint32_t waits = 0;            // waits the task has finished
+    uint32_t waits_at_creation = 0;  // the creator's finished waits when this task was created
+    uint32_t thread = 0;           // implicit tasks: OpenMP thread number, else the file's index
+    uint64_t site = 0;
+    uint64_t offset = 0;           // the creator's own work before this task was created
+    uint64_t work = 0;             // exclusive time of its fragments
+    uint64_t first_begin = UINT64_MAX, end = 0;
+    uint64_t start_path = 0, end_path = 0;
+};
+
+struct open_interval {
+    uint64_t name;
+    id3 id, parent;
+    uint64_t begin;
+    uint64_t nested = 0;
+    uint32_t node = no_node;
+};
+
+struct wait_mark {
+    uint32_t node, ordinal;
+    uint64_t work;  // the task's own work when the wait began
+};
+
+struct state {
+    analysis& out;
+    interval_visitor* visitor;
+    std::unordered_map<uint64_t, interval_kind> kind_by_handle;
+    uint64_t thread_num_key = 0;
+    std::unordered_map<uint64_t, uint32_t> node_of_task;    // explicit and implicit tasks by id word
+    std::unordered_map<uint64_t, uint32_t> node_of_region;  // parallel regions by id word
+    std::unordered_map<uint64_t, uint64_t> region_site;     // region id word -> code address
+    std::unordered_map<uint64_t, uint64_t> region_of_implicit;
+    std::vector<task_node> nodes;
+    std::vector<wait_mark> waits;
+    std::vector<std::pair<uint32_t, uint32_t>> edges;  // dependences: before, after
+    // Dependences of one creator's file: the last writer and readers since, by variable.
+    std::map<id3, std::pair<uint32_t, std::vector<uint32_t>>> variables;
+};
+
+interval_kind kind_of(const state& s, uint64_t handle) {
+    const auto it = s.kind_by_handle.find(handle);
+    return it == s.kind_by_handle.end() ? interval_kind::other : it->second;
+}
+
+uint32_t node_for(state& s, uint64_t task, interval_kind kind) {
+    const auto found = s.node_of_task.emplace(task, uint32_t(s.nodes.size()));
+    if (found.second) {
+        s.nodes.emplace_back();
+        s.nodes.back().kind = kind;
+    }
+    return found.first->second;
+}
+
+// The work a task has done so far on this thread, counting the open fragment on top.
+uint64_t work_so_far(const state& s, const std::vector<open_interval>& stack, uint32_t node, uint64_t now) {
+    uint64_t work = s.nodes[node].work;
+    if (!stack.empty() && stack.back().node == node && now > stack.back().begin + stack.back().nested)
+        work += now - stack.back().begin - stack.back().nested;
+    return work;
+}
+
+// The innermost task running on the thread (a fragment or an implicit task).
+uint32_t running_task(const std::vector<open_interval>& stack, const state& s) {
+    for (auto it = stack.rbegin(); it != stack.rend(); ++it) {
+        const interval_kind k = kind_of(s, it->name);
+        if (k == interval_kind::explicit_task || k == interval_kind::implicit_task) return it->node;
+        if (k == interval_kind::barrier || k == interval_kind::taskwait || k == interval_kind::taskgroup) return no_node;
+    }
+    return no_node;
+}
+
+void close_interval(state& s, thread_stats& t, std::vector<open_interval>& stack, uint64_t now, bool by_end,
+                    unsigned long file) {
+    const open_interval top = stack.back();
+    stack.pop_back();
+    const uint64_t duration = now > top.begin ? now - top.begin : 0;
+    const uint64_t exclusive = duration > top.nested ? duration - top.nested : 0;
+    if (!stack.empty()) stack.back().nested += duration;
+    const interval_kind k = kind_of(s, top.name);
+    uint64_t site = 0;
+    switch (k) {
+    case interval_kind::explicit_task:
+        t.busy_ns += exclusive;
+        if (top.node != no_node) {
+            task_node& n = s.nodes[top.node];
+            n.work += exclusive;
+            n.end = std::max(n.end, now);
+            site = n.site;
+        }
+        break;
+    case interval_kind::implicit_task:
+        t.own_ns += exclusive;
+        if (top.node != no_node) {
+            task_node& n = s.nodes[top.node];
+            n.work += exclusive;
+            n.end = std::max(n.end, now);
+        }
+        break;
+    case interval_kind::parallel: {
+        t.own_ns += exclusive;
+        const auto r = s.node_of_region.find(top.id.a);
+        if (r != s.node_of_region.end()) {
+            task_node& n = s.nodes[r->second];
+            n.work += exclusive;
+            n.end = std::max(n.end, now);
+        }
+        break;
+    }
+    case interval_kind::barrier: t.barrier_ns += exclusive; break;
+    case interval_kind::taskwait: t.taskwait_ns += exclusive; break;
+    case interval_kind::taskgroup: t.taskgroup_ns += exclusive; break;
+    case interval_kind::other: t.other_ns += exclusive; break;
+    }
+    if (k == interval_kind::barrier || k == interval_kind::taskwait || k == interval_kind::taskgroup) {
+        // The waiting task is the interval's id: one more finished wait.
+        const auto w = s.node_of_task.find(top.id.a);
+        if (w != s.node_of_task.end()) ++s.nodes[w->second].waits;
+        if (k == interval_kind::barrier) {
+            const auto r = s.region_of_implicit.find(top.id.a);
+            if (r != s.region_of_implicit.end()) {
+                const auto site_it = s.region_site.find(r->second);
+                s.out.regions[site_it == s.region_site.end() ? r->second : site_it->second].barrier_ns += exclusive;
+            }
+        }
+    }
+    if (s.visitor) {
+        interval iv;
+        iv.kind = k;
+        iv.file = file;
+        iv.depth = int(stack.size());
+        iv.id = top.id;
+        iv.parent = top.parent;
+        iv.name = top.name;
+        iv.begin = top.begin;
+        iv.end = now;
+        iv.exclusive = exclusive;
+        iv.site = site;
+        iv.closed_by_end = by_end;
+        s.visitor->on_interval(iv);
+    }
+}
+
+void on_record(state& s, thread_stats& t, std::vector<open_interval>& stack, uint64_t& depth, const record& rec,
+               unsigned long file) {
+    switch (rec.kind) {
+    case kind_string_handle_createA: {
+        note_name(s.out.names, rec);
+        const std::string& name = rec.fields[2].text;
+        const interval_kind k = kind_of_task_name(name);
+        if (k != interval_kind::other) s.kind_by_handle.emplace(rec.fields[1].number, k);
+        if (name == "omp_taskwait" || name == "omp_taskgroup") s.out.detailed = true;
+        if (name == "thread_num") s.thread_num_key = rec.fields[1].number;
+        if (k != interval_kind::other) s.out.openmp = true;
+        break;
+    }
+    case kind_domain_createA: note_name(s.out.names, rec); break;
+    case kind_task_begin: {
+        if (depth++ >= max_open) break;
+        open_interval o;
+        o.name = rec.fields[3].number;
+        o.id = rec.fields[1].id;
+        o.parent = rec.fields[2].id;
+        o.begin = rec.timestamp;
+        const interval_kind k = kind_of(s, o.name);
+        if (k == interval_kind::explicit_task || k == interval_kind::implicit_task) {
+            o.node = node_for(s, o.id.a, k);
+            task_node& n = s.nodes[o.node];
+            if (n.first_begin == UINT64_MAX) {
+                n.first_begin = rec.timestamp;
+                if (k == interval_kind::implicit_task) {
+                    n.thread = uint32_t(s.out.threads.size());
+                    s.region_of_implicit[o.id.a] = o.parent.a;
+                    const auto r = s.node_of_region.find(o.parent.a);
+                    if (r != s.node_of_region.end()) n.creator = r->second;
+                }
+            }
+        } else if (k == interval_kind::barrier || k == interval_kind::taskwait || k == interval_kind::taskgroup) {
+            // The waiting task's work so far marks where the wait sits in it.
+            const auto w = s.node_of_task.find(o.id.a);
+            if (w != s.node_of_task.end())
+                s.waits.push_back({w->second, s.nodes[w->second].waits, work_so_far(s, stack, w->second, rec.timestamp)});
+        } else if (k == interval_kind::parallel) {
+            const auto found = s.node_of_region.emplace(o.id.a, uint32_t(s.nodes.size()));
+            if (found.second) {
+                s.nodes.emplace_back();
+                s.nodes.back().kind = k;
+                s.nodes.back().first_begin = rec.timestamp;
+            }
+            o.node = found.first->second;
+        }
+        stack.push_back(o);
+        break;
+    }
+    case kind_task_end:
+        if (depth == 0) {
+            ++t.unmatched_ends;
+        } else if (--depth < stack.size()) {
+            close_interval(s, t, stack, rec.timestamp, false, file);
+        }
+        break;
+    case kind_relation: {
+        const unsigned kind = unsigned(rec.fields[2].number);
+        const id3& head = rec.fields[1].id;
+        const id3& tail = rec.fields[3].id;
+        if (kind == 5 && head.b == 0 && head.c == 0) {
+            // A new explicit task: its creator is the task running here.
+            const uint32_t node = node_for(s, head.a, interval_kind::explicit_task);
+            const uint32_t creator = running_task(stack, s);
+            ++s.out.tasks_created;
+            if (creator != no_node && creator != node) {
+                task_node& n = s.nodes[node];
+                n.creator = creator;
+                n.offset = work_so_far(s, stack, creator, rec.timestamp);
+                n.waits_at_creation = s.nodes[creator].waits;
+            }
+        } else if (kind == 7) {
+            const bool out = head.b == 1;  // the task node writes the variable
+            const id3 var = out ? tail : head;
+            const uint32_t node = node_for(s, (out ? head : tail).a, interval_kind::explicit_task);
+            auto& v = s.variables[var];
+            if (v.first != no_node && v.first != node && v.first != 0) s.edges.emplace_back(v.first - 1, node);
+            if (out) {
+                for (uint32_t r : v.second)
+                    if (r != node) s.edges.emplace_back(r, node);
+                v.first = node + 1;
+                v.second.clear();
+            } else if (v.second.size() < 64) {
+                v.second.push_back(node);
+            }
+        }
+        break;
+    }
+    case kind_metadata: {
+        const id3& id = rec.fields[1].id;
+        if (s.thread_num_key && rec.fields[2].number == s.thread_num_key) {
+            t.thread_num = long(rec.fields[5].number);
+            const auto node = s.node_of_task.find(id.a);
+            if (node != s.node_of_task.end()) s.nodes[node->second].thread = uint32_t(rec.fields[5].number);
+        } else if (rec.fields[3].number == 1 && id.c == 0) {
+            // A code address: on {T,0,0} a task's creation site, on {R,1,0} a region's.
+            if (id.b == 0) s.nodes[node_for(s, id.a, interval_kind::explicit_task)].site = rec.fields[5].number;
+            if (id.b == 1) s.region_site[id.a] = rec.fields[5].number;
+        }
+        break;
+    }
+    case kind_end_of_records:
+        while (!stack.empty()) close_interval(s, t, stack, rec.timestamp, true, file);
+        break;
+    default: break;
+    }
+}
+
+// Longest paths: every task's start and end are visited in time order, so
+// creators, predecessors and waited-for children are done before they count.
+void compute_span(state& s) {
+    const size_t n = s.nodes.size();
+    std::vector<uint32_t> child_start(n + 1, 0), children;
+    for (const task_node& t : s.nodes)
+        if (t.creator != no_node) ++child_start[t.creator + 1];
+    for (size_t i = 0; i < n; ++i) child_start[i + 1] += child_start[i];
+    children.resize(child_start[n]);
+    {
+        std::vector<uint32_t> fill(child_start.begin(), child_start.end() - 1);
+        for (uint32_t i = 0; i < n; ++i)
+            if (s.nodes[i].creator != no_node) children[fill[s.nodes[i].creator]++] = i;
+    }
+    std::sort(s.edges.begin(), s.edges.end(), [](const auto& x, const auto& y) { return x.second < y.second; });
+    std::sort(s.waits.begin(), s.waits.end(), [](const wait_mark& x, const wait_mark& y) {
+        return x.node != y.node ? x.node < y.node : x.ordinal < y.ordinal;
+    });
+    auto wait_work = [&](uint32_t node, uint32_t ordinal, uint64_t fallback) {
+        const auto it = std::lower_bound(s.waits.begin(), s.waits.end(), wait_mark{node, ordinal, 0},
+                                         [](const wait_mark& x, const wait_mark& y) {
+                                             return x.node != y.node ? x.node < y.node : x.ordinal < y.ordinal;
+                                         });
+        return it != s.waits.end() && it->node == node && it->ordinal == ordinal ? it->work : fallback;
+    };
+    // (time, 0 end / 1 start, node): ends first at equal times.
+    std::vector<std::pair<uint64_t, uint64_t>> events;
+    events.reserve(2 * n);
+    for (uint32_t i = 0; i < n; ++i) {
+        const task_node& t = s.nodes[i];
+        if (t.first_begin == UINT64_MAX) continue;
+        events.emplace_back(t.first_begin, (uint64_t(i) << 1) | 1);
+        events.emplace_back(std::max(t.end, t.first_begin), uint64_t(i) << 1);
+    }
+    std::sort(events.begin(), events.end());
+    std::vector<uint32_t> via(n, no_node);  // the node the longest path came from
+    uint64_t finished_max = 0;
+    uint32_t finished_arg = no_node;
+    for (const auto& e : events) {
+        const uint32_t i = uint32_t(e.second >> 1);
+        task_node& t = s.nodes[i];
+        if (e.second & 1) {
+            uint64_t start = 0;
+            if (t.creator != no_node) {
+                const task_node& c = s.nodes[t.creator];
+                start = c.start_path + t.offset;
+                via[i] = t.creator;
+                // Children the creator waited for before creating this task.
+                for (uint32_t k = child_start[t.creator]; k < child_start[t.creator + 1]; ++k) {
+                    const task_node& sib = s.nodes[children[k]];
+                    if (sib.waits_at_creation >= t.waits_at_creation || sib.end > t.first_begin) continue;
+                    const uint64_t at = wait_work(t.creator, sib.waits_at_creation, t.offset);
+                    const uint64_t path = sib.end_path + (t.offset > at ? t.offset - at : 0);
+                    if (path > start) start = path, via[i] = children[k];
+                }
+            } else if (t.kind != interval_kind::explicit_task) {
+                start = finished_max;  // a region starts after everything before it
+                via[i] = finished_arg;
+            }
+            auto edge = std::lower_bound(s.edges.begin(), s.edges.end(), std::make_pair(uint32_t(0), i),
+                                         [](const auto& x, const auto& y) { return x.second < y.second; });
+            for (; edge != s.edges.end() && edge->second == i; ++edge)
+                if (s.nodes[edge->first].end_path > start) start = s.nodes[edge->first].end_path, via[i] = edge->first;
+            t.start_path = start;
+        } else {
+            uint64_t end = t.start_path + t.work;
+            for (uint32_t k = child_start[i]; k < child_start[i + 1]; ++k) {
+                const task_node& c = s.nodes[children[k]];
+                if (c.end > t.end) continue;
+                // A child waited for (or of a region's barrier) delays what follows.
+                const uint64_t at = c.waits_at_creation < t.waits ? wait_work(i, c.waits_at_creation, t.work) : t.work;
+                const uint64_t path = c.end_path + (t.work > at ? t.work - at : 0);
+                if (path > end) end = path, via[i] = children[k];
+            }
+            t.end_path = end;
+            if (end >= finished_max) finished_max = end, finished_arg = i;
+        }
+    }
+    s.out.span_ns = finished_max;
+    // The path back from the last task to finish, kinds merged.
+    std::vector<uint32_t> path;
+    for (uint32_t i = finished_arg; i != no_node && path.size() < n; i = via[i]) path.push_back(i);
+    std::reverse(path.begin(), path.end());
+    for (uint32_t i : path) {
+        const task_node& t = s.nodes[i];
+        if (!s.out.critical_path.empty() && s.out.critical_path.back().site == t.site &&
+            s.out.critical_path.back().kind == t.kind) {
+            ++s.out.critical_path.back().tasks;
+            s.out.critical_path.back().ns += t.work;
+        } else {
+            s.out.critical_path.push_back({t.site, t.kind, 1, t.work});
+        }
+    }
+}
+
+}  // namespace
+
+interval_kind kind_of_task_name(const std::string& name) {
+    if (name == "omp_explicit") return interval_kind::explicit_task;
+    if (name == "omp_implicit") return interval_kind::implicit_task;
+    if (name == "omp_parallel") return interval_kind::parallel;
+    if (name == "omp_barrier") return interval_kind::barrier;
+    if (name == "omp_taskwait") return interval_kind::taskwait;
+    if (name == "omp_taskgroup") return interval_kind::taskgroup;
+    return interval_kind::other;
+}
+
+void duration_histogram::add(uint64_t ns) {
+    int bucket = 0;
+    for (uint64_t us = ns / 1000; us > 0 && bucket < histogram_buckets - 1; us >>= 1) ++bucket;
+    ++counts[bucket];
+}
+
+uint64_t region_stats::imbalance_ns() const {
+    if (thread_work.empty()) return 0;
+    uint64_t max = 0, sum = 0;
+    for (uint64_t w : thread_work) max = std::max(max, w), sum += w;
+    return max - sum / thread_work.size();
+}
+
+bool analyse_run(const std::vector<trace_path>& files, analysis& result, interval_visitor* visitor) {
+    state s{result, visitor, {}, 0, {}, {}, {}, {}, {}, {}, {}, {}};
+    // The OpenMP names may be created in a later file than the first use.
+    uint64_t first = 0;
+    if (!collect_names(files, result.names, first)) return false;
+    for (const auto& h : result.names.strings) {
+        const interval_kind k = kind_of_task_name(h.second);
+        if (k != interval_kind::other) s.kind_by_handle.emplace(h.first, k), result.openmp = true;
+        if (h.second == "omp_taskwait" || h.second == "omp_taskgroup") result.detailed = true;
+        if (h.second == "thread_num") s.thread_num_key = h.first;
+    }
+    result.first = UINT64_MAX;
+    std::vector<open_interval> stack;
+    for (const trace_path& p : files) {
+        trace_file f;
+        if (!open_for_reading(f, p)) return false;
+        thread_stats t;
+        t.file = p.number;
+        t.name = p.name;
+        t.first = UINT64_MAX;
+        stack.clear();
+        s.variables.clear();
+        uint64_t depth = 0;
+        record rec;
+        while (next_record(f, rec) == read_status::record) {
+            ++t.records;
+            if (t.first == UINT64_MAX) t.first = rec.timestamp;
+            t.last = std::max(t.last, rec.timestamp);
+            on_record(s, t, stack, depth, rec, p.number);
+            if (visitor) visitor->on_record(p.number, rec);
+        }
+        t.left_open = depth;
+        if (!done_reading(f, p, true)) return false;
+        if (t.first == UINT64_MAX) t.first = 0;
+        const uint64_t lifetime = t.last - t.first;
+        const uint64_t accounted = t.busy_ns + t.own_ns + t.barrier_ns + t.taskwait_ns + t.taskgroup_ns + t.other_ns;
+        t.idle_ns = lifetime > accounted ? lifetime - accounted : 0;
+        result.records += t.records;
+        if (t.records) result.first = std::min(result.first, t.first), result.last = std::max(result.last, t.last);
+        result.threads.push_back(t);
+    }
+    if (result.first == UINT64_MAX) result.first = 0;
+    for (const auto& reg : s.node_of_region) {
+        const auto site_it = s.region_site.find(reg.first);
+        region_stats& rs = result.regions[site_it == s.region_site.end() ? 0 : site_it->second];
+        rs.address = site_it == s.region_site.end() ? 0 : site_it->second;
+        ++rs.count;
+        const task_node& n = s.nodes[reg.second];
+        if (n.end > n.first_begin) rs.total_ns += n.end - n.first_begin;
+    }
+    // Explicit tasks by kind; implicit tasks' work by region and thread.
+    std::vector<uint64_t> subtree(s.nodes.size(), 0);
+    for (size_t i = s.nodes.size(); i-- > 0;) {
+        const task_node& n = s.nodes[i];
+        subtree[i] += n.work;
+        if (n.kind == interval_kind::explicit_task) {
+            result.work_ns += n.work;
+            task_kind_stats& k = result.task_kinds[n.site];
+            k.address = n.site;
+            ++k.count;
+            k.total_ns += n.work;
+            k.max_ns = std::max(k.max_ns, n.work);
+            k.histogram.add(n.work);
+        } else if (n.kind == interval_kind::implicit_task) {
+            result.work_ns += n.work;
+        }
+        if (n.creator != no_node && n.creator < i) subtree[n.creator] += subtree[i];
+    }
+    for (const auto& imp : s.region_of_implicit) {
+        const auto node_it = s.node_of_task.find(imp.first);
+        if (node_it == s.node_of_task.end()) continue;
+        const auto site_it = s.region_site.find(imp.second);
+        region_stats& rs = result.regions[site_it == s.region_site.end() ? 0 : site_it->second];
+        const uint32_t thread = s.nodes[node_it->second].thread;
+        if (thread >= rs.thread_work.size()) rs.thread_work.resize(thread + 1, 0);
+        rs.thread_work[thread] += subtree[node_it->second];
+    }
+    compute_span(s);
+    return true;
+}
+
+}  // namespace ryl

@@ -1,0 +1,195 @@
+// ryl profile DIR [--json]: where the time of an OpenMP run goes, by source
+// location: task kinds and regions, the threads' work and waiting, work, span
+// and parallelism, the critical path and what the recording itself cost.
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "analysis.h"
+#include "symbols.h"
+
+namespace ryl {
+
+namespace {
+
+// Rough cost of writing one record in mapped mode, for the tracing-cost estimate.
+constexpr uint64_t record_cost_ns = 60;
+// A task or region shorter than this many times its recording cost is flagged.
+constexpr uint64_t cost_factor = 10;
+
+std::string kind_text(interval_kind k) {
+    switch (k) {
+    case interval_kind::explicit_task: return "explicit task";
+    case interval_kind::implicit_task: return "implicit task";
+    case interval_kind::parallel: return "parallel region";
+    default: return "other";
+    }
+}
+
+std::string ms(uint64_t ns) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.3f", double(ns) / 1e6);
+    return text;
+}
+
+void put_location(nlohmann::json& j, symbolizer& symbols, uint64_t address) {
+    const code_location& where = symbols.locate(address);
+    j["address"] = hex(address);
+    j["function"] = where.function;
+    j["file"] = where.file;
+    j["line"] = where.line;
+    j["name"] = address ? location_name(where, address) : "(unknown)";
+}
+
+std::string name_of(symbolizer& symbols, uint64_t address) {
+    return address ? location_name(symbols.locate(address), address) : "(unknown)";
+}
+
+// The median duration of a histogram, as the upper edge of its bucket.
+uint64_t median_upper_ns(const duration_histogram& h) {
+    uint64_t total = 0, seen = 0;
+    for (uint64_t c : h.counts) total += c;
+    for (int b = 0; b < histogram_buckets; ++b) {
+        seen += h.counts[b];
+        if (total && seen * 2 >= total) return 1000ull << b;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int profile_command(const std::vector<std::string>& args) {
+    command_line line;
+    if (!parse_command_line(args, {"--json"}, line) || line.dir.empty()) {
+        error_line("usage: ryl profile DIR [--json] [-o FILE]");
+        return exit_usage;
+    }
+    const bool json = std::find(line.flags.begin(), line.flags.end(), "--json") != line.flags.end();
+    std::vector<trace_path> files;
+    if (!list_trace_files(line.dir, files)) return exit_error;
+    analysis a;
+    if (!analyse_run(files, a)) return exit_error;
+    symbolizer symbols;
+    const bool have_objects = symbols.load(line.dir);
+
+    duration_histogram all_tasks;
+    uint64_t task_count = 0;
+    for (const auto& k : a.task_kinds) {
+        for (int b = 0; b < histogram_buckets; ++b) all_tasks.counts[b] += k.second.histogram.counts[b];
+        task_count += k.second.count;
+    }
+    const uint64_t cost_ns = a.records * record_cost_ns;
+    const uint64_t median_task = median_upper_ns(all_tasks);
+    // A detailed task is about four records (creation, begin, end and its site).
+    const bool costly = task_count && median_task < cost_factor * 4 * record_cost_ns;
+    const double parallelism = a.span_ns ? double(a.work_ns) / double(a.span_ns) : 0.0;
+
+    std::vector<std::pair<uint64_t, const task_kind_stats*>> kinds;
+    for (const auto& k : a.task_kinds) kinds.emplace_back(k.second.total_ns, &k.second);
+    std::sort(kinds.begin(), kinds.end(), [](const auto& x, const auto& y) { return x.first > y.first; });
+
+    output out;
+    if (!open_output(out, line.out)) return exit_error;
+    if (json) {
+        nlohmann::json j;
+        j["detailed"] = a.detailed;
+        j["records"] = a.records;
+        j["duration_ns"] = a.last - a.first;
+        j["work_ns"] = a.work_ns;
+        j["span_ns"] = a.span_ns;
+        j["parallelism"] = parallelism;
+        j["tasks_created"] = a.tasks_created;
+        j["dependences"] = a.dependences;
+        j["critical_path"] = nlohmann::json::array();
+        for (const path_step& p : a.critical_path) {
+            nlohmann::json step;
+            put_location(step, symbols, p.site);
+            step["kind"] = kind_text(p.kind);
+            step["tasks"] = p.tasks;
+            step["ns"] = p.ns;
+            j["critical_path"].push_back(step);
+        }
+        j["task_kinds"] = nlohmann::json::array();
+        for (const auto& k : kinds) {
+            nlohmann::json e;
+            put_location(e, symbols, k.second->address);
+            e["count"] = k.second->count;
+            e["total_ns"] = k.second->total_ns;
+            e["mean_ns"] = k.second->count ? k.second->total_ns / k.second->count : 0;
+            e["max_ns"] = k.second->max_ns;
+            e["histogram_us_log2"] = k.second->histogram.counts;
+            j["task_kinds"].push_back(e);
+        }
+        j["regions"] = nlohmann::json::array();
+        for (const auto& r : a.regions) {
+            nlohmann::json e;
+            put_location(e, symbols, r.second.address);
+            e["count"] = r.second.count;
+            e["total_ns"] = r.second.total_ns;
+            e["thread_work_ns"] = r.second.thread_work;
+            e["imbalance_ns"] = r.second.imbalance_ns();
+            e["barrier_ns"] = r.second.barrier_ns;
+            j["regions"].push_back(e);
+        }
+        j["threads"] = nlohmann::json::array();
+        for (const thread_stats& t : a.threads) {
+            j["threads"].push_back({{"file", t.name}, {"thread_num", t.thread_num}, {"records", t.records},
+                                    {"busy_ns", t.busy_ns}, {"own_ns", t.own_ns},
+                                    {"waiting_ns", t.barrier_ns + t.taskwait_ns + t.taskgroup_ns},
+                                    {"barrier_ns", t.barrier_ns}, {"taskwait_ns", t.taskwait_ns},
+                                    {"taskgroup_ns", t.taskgroup_ns}, {"idle_ns", t.idle_ns}});
+        }
+        nlohmann::json cost = {{"records", a.records}, {"record_cost_ns", record_cost_ns},
+                               {"estimate_ns", cost_ns}, {"median_task_ns", median_task}};
+        if (costly) cost["warning"] = "median task is not much longer than the cost of recording it";
+        j["tracing_cost"] = cost;
+        if (!a.detailed) j["note"] = "plain OpenMP recording: the detailed mode gives more";
+        std::fprintf(out.file, "%s\n", j.dump(2).c_str());
+        return close_output(out) ? exit_ok : exit_error;
+    }
+
+    std::FILE* o = out.file;
+    std::fprintf(o, "run: %s ms, %llu records in %zu files%s\n", ms(a.last - a.first).c_str(),
+                 (unsigned long long)a.records, a.threads.size(), have_objects ? "" : " (no objects file: addresses as numbers)");
+    if (!a.detailed)
+        std::fprintf(o, "plain OpenMP recording: tasks switched away from and waits are not seen; "
+                        "the detailed mode (ryl run) gives more\n");
+    std::fprintf(o, "work %s ms, span %s ms, parallelism %.2f\n", ms(a.work_ns).c_str(), ms(a.span_ns).c_str(),
+                 parallelism);
+    if (!kinds.empty()) {
+        std::fprintf(o, "\n%-48s %10s %12s %10s %10s\n", "task kind", "count", "total ms", "mean us", "max us");
+        for (const auto& k : kinds) {
+            const task_kind_stats& s = *k.second;
+            std::fprintf(o, "%-48s %10llu %12s %10.1f %10.1f\n", name_of(symbols, s.address).c_str(),
+                         (unsigned long long)s.count, ms(s.total_ns).c_str(),
+                         s.count ? double(s.total_ns) / s.count / 1e3 : 0.0, double(s.max_ns) / 1e3);
+        }
+    }
+    if (!a.regions.empty()) {
+        std::fprintf(o, "\n%-48s %8s %12s %14s %12s\n", "parallel region", "count", "total ms", "imbalance ms",
+                     "barrier ms");
+        for (const auto& r : a.regions)
+            std::fprintf(o, "%-48s %8llu %12s %14s %12s\n", name_of(symbols, r.second.address).c_str(),
+                         (unsigned long long)r.second.count, ms(r.second.total_ns).c_str(),
+                         ms(r.second.imbalance_ns()).c_str(), ms(r.second.barrier_ns).c_str());
+    }
+    std::fprintf(o, "\n%-10s %6s %12s %12s %12s %12s\n", "file", "thread", "tasks ms", "own work ms", "waiting ms",
+                 "idle ms");
+    for (const thread_stats& t : a.threads)
+        std::fprintf(o, "%-10s %6s %12s %12s %12s %12s\n", t.name.c_str(),
+                     t.thread_num < 0 ? "-" : std::to_string(t.thread_num).c_str(), ms(t.busy_ns).c_str(),
+                     ms(t.own_ns).c_str(), ms(t.barrier_ns + t.taskwait_ns + t.taskgroup_ns).c_str(),
+                     ms(t.idle_ns).c_str());
+    if (!a.critical_path.empty()) {
+        std::fprintf(o, "\ncritical path:\n");
+        for (const path_step& p : a.critical_path)
+            std::fprintf(o, "  %-46s %8llu x %12s ms  (%s)\n", name_of(symbols, p.site).c_str(),
+                         (unsigned long long)p.tasks, ms(p.ns).c_str(), kind_text(p.kind).c_str());
+    }
+    std::fprintf(o, "\ntracing cost: %llu records, about %s ms\n", (unsigned long long)a.records, ms(cost_ns).c_str());
+    if (costly)
+        std::fprintf(o, "WARNING the median task (under %s us) is not much longer than the cost of recording it\n",
+                     ms(median_task * 1000).c_str());
+    return close_output(out) ? exit_ok : exit_error;
+}
+
+}  // namespace ryl

@@ -1,0 +1,199 @@
+// Source locations of code addresses through libdw's address-to-module
+// mapping: every object of a process is reported at its load bias, so
+// position-independent executables and shared libraries placed anywhere by
+// address-space randomisation resolve like fixed ones.
+#include "symbols.h"
+
+#include <cxxabi.h>
+#include <dirent.h>
+#include <elfutils/libdwfl.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+namespace ryl {
+
+namespace {
+
+const Dwfl_Callbacks offline_callbacks = {
+    dwfl_build_id_find_elf, dwfl_standard_find_debuginfo, dwfl_offline_section_address, nullptr};
+
+bool parse_hex(const std::string& text, uint64_t& value) {
+    if (text.size() < 3 || text.compare(0, 2, "0x") != 0) return false;
+    char* end = nullptr;
+    value = std::strtoull(text.c_str() + 2, &end, 16);
+    return end && *end == 0;
+}
+
+std::string demangled(const char* name) {
+    if (!name) return std::string();
+    int status = 0;
+    char* text = abi::__cxa_demangle(name, nullptr, nullptr, &status);
+    if (status != 0 || !text) return name;
+    std::string result(text);
+    std::free(text);
+    return result;
+}
+
+std::string base_name(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+}  // namespace
+
+bool read_objects_file(const std::string& path, process_objects& objects) {
+    std::ifstream in(path);
+    std::string line;
+    if (!in || !std::getline(in, line) || line != "ryl-objects 1") return false;
+    while (std::getline(in, line)) {
+        std::istringstream words(line);
+        std::string word;
+        words >> word;
+        if (word == "pid") {
+            words >> objects.pid;
+        } else if (word == "object") {
+            loaded_object object;
+            std::string load, build_id;
+            if (!(words >> load >> build_id) || !parse_hex(load, object.load)) continue;
+            if (build_id != "-") object.build_id = build_id;
+            const size_t path_start = size_t(words.tellg()) + 1;
+            if (words.tellg() < 0 || path_start >= line.size()) continue;
+            object.path = line.substr(path_start);
+            objects.objects.push_back(object);
+        } else if (word == "files") {
+            unsigned long number;
+            while (words >> number) objects.files.push_back(number);
+        } else if (word == "end") {
+            objects.complete = true;
+        }
+    }
+    return true;
+}
+
+// The libdw view of one process, with the locations found so far.
+struct symbolizer::process_state {
+    Dwfl* dwfl = nullptr;
+    std::vector<loaded_object> unopened;  // objects libdw could not read
+    std::unordered_map<uint64_t, code_location> cache;
+    ~process_state() {
+        if (dwfl) dwfl_end(dwfl);
+    }
+};
+
+symbolizer::symbolizer() = default;
+symbolizer::~symbolizer() = default;
+
+bool symbolizer::load(const std::string& dir_or_file) {
+    std::string dir = dir_or_file;
+    if (DIR* probe = opendir(dir.c_str())) {
+        closedir(probe);
+    } else {
+        const size_t slash = dir.rfind('/');
+        dir = slash == std::string::npos ? "." : dir.substr(0, slash == 0 ? 1 : slash);
+    }
+    DIR* d = opendir(dir.c_str());
+    if (!d) return false;
+    std::vector<std::string> names;
+    while (dirent* entry = readdir(d)) {
+        const std::string name = entry->d_name;
+        if (name.compare(0, 8, "objects.") == 0 && name.size() > 8 &&
+            name.find_first_not_of("0123456789", 8) == std::string::npos)
+            names.push_back(name);
+    }
+    closedir(d);
+    std::sort(names.begin(), names.end());
+    for (const std::string& name : names) {
+        process_objects objects;
+        if (!read_objects_file(dir + "/" + name, objects)) continue;
+        auto state = std::make_unique<process_state>();
+        state->dwfl = dwfl_begin(&offline_callbacks);
+        if (state->dwfl) {
+            dwfl_report_begin(state->dwfl);
+            for (const loaded_object& object : objects.objects) {
+                // A module overlapping one reported before (an object listed
+                // twice) or a file that is gone is only named by its offset.
+                if (!dwfl_report_elf(state->dwfl, base_name(object.path).c_str(), object.path.c_str(), -1,
+                                     object.load, false))
+                    state->unopened.push_back(object);
+            }
+            dwfl_report_end(state->dwfl, nullptr, nullptr);
+        } else {
+            state->unopened = objects.objects;
+        }
+        for (unsigned long file : objects.files) process_of_file_.emplace(file, processes_.size());
+        processes_.push_back(std::move(objects));
+        states_.push_back(std::move(state));
+    }
+    return !processes_.empty();
+}
+
+const code_location& symbolizer::locate(uint64_t return_address) { return locate_in(0, return_address); }
+
+const code_location& symbolizer::locate(uint64_t return_address, unsigned long file_number) {
+    const auto it = process_of_file_.find(file_number);
+    return locate_in(it == process_of_file_.end() ? 0 : it->second, return_address);
+}
+
+const code_location& symbolizer::locate_in(size_t first, uint64_t return_address) {
+    static const code_location nowhere;
+    if (states_.empty()) return nowhere;
+    process_state& own = *states_[first];
+    const auto cached = own.cache.find(return_address);
+    if (cached != own.cache.end()) return cached->second;
+    code_location& where = own.cache[return_address];
+    if (return_address == 0) return where;
+    const uint64_t address = return_address - 1;
+    // The writing process first, then the others (a process without its own
+    // objects file runs the same program).
+    for (size_t n = 0; n < states_.size(); ++n) {
+        process_state& state = *states_[(first + n) % states_.size()];
+        Dwfl_Module* module = state.dwfl ? dwfl_addrmodule(state.dwfl, address) : nullptr;
+        if (!module) continue;
+        Dwarf_Addr start = 0;
+        const char* path = nullptr;
+        dwfl_module_info(module, nullptr, &start, nullptr, nullptr, nullptr, &path, nullptr);
+        Dwarf_Addr bias = 0;
+        for (const loaded_object& object : processes_[(first + n) % states_.size()].objects)
+            if (path && object.path == path) bias = object.load;
+        where.object = path ? path : "";
+        where.offset = address - bias;
+        where.function = demangled(dwfl_module_addrname(module, address));
+        if (Dwfl_Line* line = dwfl_module_getsrc(module, address)) {
+            int line_number = 0;
+            const char* file = dwfl_lineinfo(line, nullptr, &line_number, nullptr, nullptr, nullptr);
+            if (file) where.file = file;
+            if (line_number > 0) where.line = unsigned(line_number);
+        }
+        return where;
+    }
+    // An object libdw could not read: the nearest load address below.
+    const loaded_object* nearest = nullptr;
+    for (const loaded_object& object : own.unopened)
+        if (object.load <= address && object.load != 0 && (!nearest || object.load > nearest->load))
+            nearest = &object;
+    if (nearest) {
+        where.object = nearest->path;
+        where.offset = address - nearest->load;
+    }
+    return where;
+}
+
+std::string location_name(const code_location& where, uint64_t address) {
+    char number[32];
+    if (!where.function.empty()) {
+        if (where.file.empty() || where.line == 0) return where.function;
+        return where.function + " (" + base_name(where.file) + ":" + std::to_string(where.line) + ")";
+    }
+    if (!where.object.empty()) {
+        std::snprintf(number, sizeof number, "+0x%llx", static_cast<unsigned long long>(where.offset));
+        return base_name(where.object) + number;
+    }
+    std::snprintf(number, sizeof number, "0x%llx", static_cast<unsigned long long>(address));
+    return number;
+}
+
+}  // namespace ryl
