@@ -222,6 +222,16 @@ TEST(ryl_graph, clusters_nodes_ports_and_labelled_relations) {
              "n_40_1_0 -> n_32512_0_0 [label=\"7\"]",
          })
         EXPECT_NE(std::string::npos, dot.find(part)) << part << "\n" << dot;
+    // Clusters nested 200000 deep (each group under the one before) are drawn
+    // without exhausting the stack.
+    std::string deep = header_lines(8) + named("string_handle_createA", 1, "graph");
+    for (unsigned long long i = 1; i <= 200000; ++i)
+        deep += rec("task_group", 5, field(7) + id_field(i, 0, 0) + id_field(i - 1, 0, 0) + field(1));
+    write(dir.path + "/_ryl.0", deep + finish(9));
+    const child_result nested = ryl({"graph", dir.path, "-o", out});
+    ASSERT_EQ(0, nested.status) << nested.err;
+    EXPECT_NE(std::string::npos, read_file(out).find(std::string(2 * 33, ' ') + "subgraph cluster_200000_0_0 {"));
+    write(dir.path + "/_ryl.0", openmp_graph());
     // The picture, when Graphviz is there, also from names with any bytes.
     if (run_program({"sh", "-c", "command -v dot"}, {}).status != 0) GTEST_SKIP() << "Graphviz dot is not installed";
     const child_result svg = ryl({"graph", dir.path, "-o", out, "--svg"});
