@@ -136,7 +136,7 @@ TEST(ryl_summary, hand_made_run) {
         "  records: domain_createA 1, string_handle_createA 2, task_begin 2, task_end 3, end_of_records 1\n"
         "  time: +0.000000000 s to +0.000003900 s (0.000003900 s)\n"
         "  tasks: 2 begun, 3 ended, 1 end without a begin\n"
-        "  busiest: \"a<b & \\\"c\\\"\" 1 (0.000002000 s), \"x</field>\\n</record>\\ny\" 1 (0.000000200 s)\n"
+        "  busiest: \"a<b & \\\"c\\\"\" 1 (0.000001800 s), \"x</field>\\n</record>\\ny\" 1 (0.000000200 s)\n"
         "_ryl.1: 2 records, cut short: last complete record is record 2 (relation, line 20); the file ends inside "
         "record 3 (relation, line 36) after its timestamp and 1 of its 4 further fields; missing: the rest of "
         "record 3, the end_of_records record and \"</trace>\"\n"
