@@ -42,6 +42,7 @@ struct wait_mark {
 };
 
 struct state {
+    state(analysis& result, interval_visitor* v) : out(result), visitor(v) {}
     analysis& out;
     interval_visitor* visitor;
     std::unordered_map<uint64_t, interval_kind> kind_by_handle;
@@ -55,9 +56,17 @@ struct state {
     std::vector<task_node> nodes;
     std::vector<wait_mark> waits;
     std::vector<std::pair<uint32_t, uint32_t>> edges;  // dependences: before, after
+    bool early_use = false;  // a string handle was used before the file that names it was read
     // Dependences of one creator's file: the last writer and readers since, by variable.
     std::map<id3, std::pair<uint32_t, std::vector<uint32_t>>> variables;
 };
+
+void learn_name(state& s, uint64_t handle, const std::string& name) {
+    const interval_kind k = kind_of_task_name(name);
+    if (k != interval_kind::other) s.kind_by_handle.emplace(handle, k), s.out.openmp = true;
+    if (name == "omp_taskwait" || name == "omp_taskgroup") s.out.detailed = true;
+    if (name == "thread_num" && !s.thread_num_key) s.thread_num_key = handle;
+}
 
 interval_kind kind_of(const state& s, uint64_t handle) {
     const auto it = s.kind_by_handle.find(handle);
@@ -176,7 +185,14 @@ void close_interval(state& s, thread_stats& t, std::vector<open_interval>& stack
 void on_record(state& s, thread_stats& t, std::vector<open_interval>& stack, uint64_t& depth, const record& rec,
                unsigned long file) {
     switch (rec.kind) {
+    case kind_domain_createA: note_name(s.out.names, rec); break;
+    case kind_string_handle_createA: {
+        note_name(s.out.names, rec);
+        learn_name(s, rec.fields[0].number, rec.fields[2].text);
+        break;
+    }
     case kind_task_begin: {
+        if (!s.out.names.strings.count(rec.fields[3].number)) s.early_use = true;
         if (depth++ >= max_open) break;
         open_interval o;
         o.name = rec.fields[3].number;
@@ -254,6 +270,7 @@ void on_record(state& s, thread_stats& t, std::vector<open_interval>& stack, uin
     }
     case kind_metadata: {
         const id3& id = rec.fields[1].id;
+        if (!s.out.names.strings.count(rec.fields[2].number)) s.early_use = true;
         if (s.thread_num_key && rec.fields[2].number == s.thread_num_key) {
             t.thread_num = long(rec.fields[5].number);
             const auto node = s.node_of_task.find(id.a);
@@ -423,16 +440,16 @@ uint64_t region_stats::imbalance_ns() const {
     return max - sum / thread_work.size();
 }
 
-bool analyse_run(const std::vector<trace_path>& files, analysis& result, interval_visitor* visitor) {
-    state s{result, visitor, {}, 0, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}};
-    // The OpenMP names may be created in a later file than the first use.
-    uint64_t first = 0;
-    if (!collect_names(files, result.names, first)) return false;
-    for (const auto& h : result.names.strings) {
-        const interval_kind k = kind_of_task_name(h.second);
-        if (k != interval_kind::other) s.kind_by_handle.emplace(h.first, k), result.openmp = true;
-        if (h.second == "omp_taskwait" || h.second == "omp_taskgroup") result.detailed = true;
-        if (h.second == "thread_num") s.thread_num_key = h.first;
+namespace {
+
+// One pass; with names_first the names of every file are read before.
+bool analyse_pass(const std::vector<trace_path>& files, analysis& result, interval_visitor* visitor,
+                  bool names_first, bool& early_use) {
+    state s(result, visitor);
+    if (names_first) {
+        uint64_t first = 0;
+        if (!collect_names(files, result.names, first)) return false;
+        for (const auto& h : result.names.strings) learn_name(s, h.first, h.second);
     }
     result.first = UINT64_MAX;
     std::vector<open_interval> stack;
@@ -498,7 +515,21 @@ bool analyse_run(const std::vector<trace_path>& files, analysis& result, interva
     }
     result.dependences = s.edges.size();
     compute_span(s);
+    early_use = s.early_use;
     return true;
+}
+
+}  // namespace
+
+bool analyse_run(const std::vector<trace_path>& files, analysis& result, interval_visitor* visitor) {
+    // Names are created at start-up on the first thread, so one pass is the
+    // rule; a run whose names come in a later file than their first use is
+    // read again with every name known (without a visitor, which has seen it).
+    bool early_use = false;
+    if (!analyse_pass(files, result, visitor, false, early_use)) return false;
+    if (!early_use || visitor) return true;
+    result = analysis();
+    return analyse_pass(files, result, nullptr, true, early_use);
 }
 
 }  // namespace ryl
