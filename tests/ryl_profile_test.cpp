@@ -2,6 +2,7 @@
 // counts, work and span of a dependent chain beside an independent task, and
 // source locations of code addresses through an objects file.
 #include <gtest/gtest.h>
+#include <dlfcn.h>
 #include <link.h>
 #include <sys/stat.h>
 
@@ -113,24 +114,45 @@ TEST(ryl_profile, work_span_and_counts_of_a_chain_beside_an_independent_task) {
     EXPECT_NE(human.out.find("no objects file"), std::string::npos) << human.out;
 }
 
-TEST(ryl_profile, resolves_sites_of_a_position_independent_program) {
-    const std::string dir = ::testing::TempDir() + "ryl_profile_symbols";
-    write_run(dir, known_site, 0x10);
+// Sites in this PIE test program (with debug information), in the C library
+// (a shared library placed by address-space randomisation, symbols only), in
+// an object that is gone (object+offset) and outside every object (a number).
+TEST(ryl_profile, resolves_sites_through_the_objects_file) {
     char exe[4096] = {};
     ASSERT_GT(readlink("/proc/self/exe", exe, sizeof exe - 1), 0);
-    char bias[32];
-    std::snprintf(bias, sizeof bias, "0x%llx", static_cast<unsigned long long>(own_load_bias()));
-    std::ofstream(dir + "/objects.4242") << "ryl-objects 1\npid 4242\nobject " << bias << " - " << exe
-                                        << "\nfiles 0 1\nend\n";
-    const child_result r = ryl({"profile", dir, "--json"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    const nlohmann::json j = nlohmann::json::parse(r.out);
-    const nlohmann::json& k = j["task_kinds"][0];
-    EXPECT_FALSE(k["function"].get<std::string>().empty()) << k;
-    EXPECT_NE(k["file"].get<std::string>().find("ryl_profile_test.cpp"), std::string::npos) << k;
-    EXPECT_EQ(k["line"], known_line) << k;
-    // An address outside every object stays a number.
-    EXPECT_EQ(j["task_kinds"][1]["name"], "0x10");
+    Dl_info libc;
+    ASSERT_NE(dladdr(reinterpret_cast<void*>(&abort), &libc), 0);
+    char objects[8192];
+    std::snprintf(objects, sizeof objects,
+                  "ryl-objects 1\npid 4242\nobject 0x%llx - %s\nobject %p - %s\nfiles 0 1\n"
+                  "object 0x7f0000000000 ab12 /nonexistent/libgone.so\nend\n",
+                  static_cast<unsigned long long>(own_load_bias()), exe, libc.dli_fbase, libc.dli_fname);
+    struct {
+        uint64_t site;
+        const char* function;  // nullptr: none
+        const char* file;      // a part of the file name, nullptr: not checked
+        unsigned line;
+        const char* name;      // nullptr: not checked
+    } cases[] = {
+        {known_site, "", "ryl_profile_test.cpp", known_line, nullptr},
+        {uint64_t(&abort) + 2, "abort", nullptr, 0, nullptr},
+        {0x7f0000001235, nullptr, "", 0, "libgone.so+0x1234"},
+        {0x10, nullptr, "", 0, "0x10"},
+    };
+    for (const auto& c : cases) {
+        const std::string dir = ::testing::TempDir() + "ryl_profile_symbols";
+        write_run(dir, c.site, 0x10);
+        std::ofstream(dir + "/objects.4242") << objects;
+        const child_result r = ryl({"profile", dir, "--json"});
+        ASSERT_EQ(r.status, 0) << r.err;
+        const nlohmann::json k = nlohmann::json::parse(r.out)["task_kinds"][0];
+        if (!c.function) EXPECT_EQ(k["function"], "") << k;
+        if (c.function && *c.function) EXPECT_EQ(k["function"], c.function) << k;
+        if (c.function && !*c.function) EXPECT_FALSE(k["function"].get<std::string>().empty()) << k;
+        if (c.file) EXPECT_NE(k["file"].get<std::string>().find(c.file), std::string::npos) << k;
+        if (c.line) EXPECT_EQ(k["line"], c.line) << k;
+        if (c.name) EXPECT_EQ(k["name"], c.name) << k;
+    }
 }
 
 }  // namespace
