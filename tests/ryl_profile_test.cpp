@@ -112,6 +112,8 @@ TEST(ryl_profile, work_span_and_counts_of_a_chain_beside_an_independent_task) {
     EXPECT_EQ(j["task_kinds"][0]["function"], "");  // no objects file: numbers only
     const child_result human = ryl({"profile", dir});
     EXPECT_NE(human.out.find("no objects file"), std::string::npos) << human.out;
+    // The timeline names threads by their OpenMP thread number.
+    EXPECT_NE(ryl({"timeline", dir}).out.find("\"OpenMP thread 1 (_ryl.1)\""), std::string::npos);
 }
 
 // Sites in this PIE test program (with debug information), in the C library
