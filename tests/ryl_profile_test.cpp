@@ -62,7 +62,7 @@ uint64_t own_load_bias() {
 void write_run(const std::string& dir, uint64_t site_ab, uint64_t site_c) {
     mkdir(dir.c_str(), 0755);
     const unsigned long long us = 1000;
-    std::string names;
+    std::string names = rec("domain_createA", 1, field(1) + field(6) + field("openmp"));
     const char* texts[] = {"omp_parallel", "omp_implicit", "omp_explicit", "omp_barrier", "omp_taskwait",
                            "omp_taskgroup", "thread_num", "code_address"};
     for (unsigned n = 0; n < 8; ++n) names += named(parallel + n, texts[n]);
@@ -112,6 +112,8 @@ TEST(ryl_profile, work_span_and_counts_of_a_chain_beside_an_independent_task) {
     EXPECT_EQ(j["task_kinds"][0]["function"], "");  // no objects file: numbers only
     const child_result human = ryl({"profile", dir});
     EXPECT_NE(human.out.find("no objects file"), std::string::npos) << human.out;
+    // The summary counts tasks created, not their fragments.
+    EXPECT_NE(ryl({"summary", dir}).out.find("3 explicit tasks (0 with dependences)"), std::string::npos);
     // The timeline names threads by their OpenMP thread number.
     EXPECT_NE(ryl({"timeline", dir}).out.find("\"OpenMP thread 1 (_ryl.1)\""), std::string::npos);
 }

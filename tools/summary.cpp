@@ -199,11 +199,18 @@ void print_openmp(const run_summary& run) {
     std::unordered_map<uint64_t, uint64_t> begins;
     for (const file_summary& fs : run.files)
         for (const auto& t : fs.tasks) begins[t.first] += t.second.begun;
+    // The detailed recording begins a task again after every switch but
+    // records each creation once (relation 5); the plain one records
+    // creations only of tasks with dependences.
+    bool detailed = false;
+    for (const auto& h : run.names.strings) detailed = detailed || h.second == "omp_taskwait";
+    const uint64_t explicit_tasks = detailed ? run.relations[5] : by_name(run.names, begins, "omp_explicit");
+    const uint64_t with_dependences = detailed ? by_name(run.names, run.groups, "node") : run.relations[5];
     std::printf("OpenMP: %s, %s, %s (%llu with dependences), %s (%llu in, %llu out) on %s, %s\n",
                 plural(by_name(run.names, run.groups, "composite_node"), "region", "regions").c_str(),
                 plural(by_name(run.names, begins, "omp_implicit"), "implicit task", "implicit tasks").c_str(),
-                plural(by_name(run.names, begins, "omp_explicit"), "explicit task", "explicit tasks").c_str(),
-                static_cast<unsigned long long>(run.relations[5]),
+                plural(explicit_tasks, "explicit task", "explicit tasks").c_str(),
+                static_cast<unsigned long long>(with_dependences),
                 plural(run.relations[7], "dependence", "dependences").c_str(),
                 static_cast<unsigned long long>(run.dependences_in),
                 static_cast<unsigned long long>(run.dependences_out),
