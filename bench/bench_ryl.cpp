@@ -230,7 +230,7 @@ int main(int argc, char** argv) {
 
     const std::string json = dir + "/trace.json", dot = dir + "/graph.dot";
     const std::vector<std::vector<std::string>> commands = {
-        {RYL_TOOL, "check", dir}, {RYL_TOOL, "summary", dir},
+        {RYL_TOOL, "check", dir}, {RYL_TOOL, "summary", dir}, {RYL_TOOL, "profile", dir, "-o", dir + "/profile.txt"},
         {RYL_TOOL, "timeline", dir, "-o", json}, {RYL_TOOL, "graph", dir, "-o", dot},
         {RYL_TOOL, "export", "--otf2", dir, dir + "/otf2"},
         {RYL_TOOL, "timeline", dir, "--perfetto", "-o", dir + "/trace.pftrace"}};

@@ -5,11 +5,12 @@
 if(TARGET ryl)
   find_package(nlohmann_json 3 REQUIRED)
   ryl_add_test(ryl_read_test ryl_read_test.cpp LABELS ryl LIBS nlohmann_json::nlohmann_json)
+  ryl_add_test(ryl_profile_test ryl_profile_test.cpp LABELS ryl LIBS nlohmann_json::nlohmann_json)
   ryl_add_test(ryl_run_test ryl_run_test.cpp LABELS ryl no_sanitizer LIBS nlohmann_json::nlohmann_json)
   # In the 32-bit build these cases trace system programs, which are 64-bit:
   # a 32-bit library cannot be preloaded into them.
   ryl_disable_in_32bit(ryl_run_test ryl_run.sets_up_the_collector_and_summarises ryl_run.exit_statuses)
-  foreach(_t ryl_read_test ryl_run_test)
+  foreach(_t ryl_read_test ryl_profile_test ryl_run_test)
     target_compile_definitions(${_t} PRIVATE RYL_TOOL="$<TARGET_FILE:ryl>")
     add_dependencies(${_t} ryl)
   endforeach()

@@ -136,7 +136,7 @@ TEST(ryl_summary, hand_made_run) {
         "  records: domain_createA 1, string_handle_createA 2, task_begin 2, task_end 3, end_of_records 1\n"
         "  time: +0.000000000 s to +0.000003900 s (0.000003900 s)\n"
         "  tasks: 2 begun, 3 ended, 1 end without a begin\n"
-        "  busiest: \"a<b & \\\"c\\\"\" 1 (0.000002000 s), \"x</field>\\n</record>\\ny\" 1 (0.000000200 s)\n"
+        "  busiest: \"a<b & \\\"c\\\"\" 1 (0.000001800 s), \"x</field>\\n</record>\\ny\" 1 (0.000000200 s)\n"
         "_ryl.1: 2 records, cut short: last complete record is record 2 (relation, line 20); the file ends inside "
         "record 3 (relation, line 36) after its timestamp and 1 of its 4 further fields; missing: the rest of "
         "record 3, the end_of_records record and \"</trace>\"\n"
@@ -222,6 +222,16 @@ TEST(ryl_graph, clusters_nodes_ports_and_labelled_relations) {
              "n_40_1_0 -> n_32512_0_0 [label=\"7\"]",
          })
         EXPECT_NE(std::string::npos, dot.find(part)) << part << "\n" << dot;
+    // Clusters nested 200000 deep (each group under the one before) are drawn
+    // without exhausting the stack.
+    std::string deep = header_lines(8) + named("string_handle_createA", 1, "graph");
+    for (unsigned long long i = 1; i <= 200000; ++i)
+        deep += rec("task_group", 5, field(7) + id_field(i, 0, 0) + id_field(i - 1, 0, 0) + field(1));
+    write(dir.path + "/_ryl.0", deep + finish(9));
+    const child_result nested = ryl({"graph", dir.path, "-o", out});
+    ASSERT_EQ(0, nested.status) << nested.err;
+    EXPECT_NE(std::string::npos, read_file(out).find(std::string(2 * 33, ' ') + "subgraph cluster_200000_0_0 {"));
+    write(dir.path + "/_ryl.0", openmp_graph());
     // The picture, when Graphviz is there, also from names with any bytes.
     if (run_program({"sh", "-c", "command -v dot"}, {}).status != 0) GTEST_SKIP() << "Graphviz dot is not installed";
     const child_result svg = ryl({"graph", dir.path, "-o", out, "--svg"});

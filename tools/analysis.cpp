@@ -42,6 +42,7 @@ struct wait_mark {
 };
 
 struct state {
+    state(analysis& result, interval_visitor* v) : out(result), visitor(v) {}
     analysis& out;
     interval_visitor* visitor;
     std::unordered_map<uint64_t, interval_kind> kind_by_handle;
@@ -50,12 +51,22 @@ struct state {
     std::unordered_map<uint64_t, uint32_t> node_of_region;  // parallel regions by id word
     std::unordered_map<uint64_t, uint64_t> region_site;     // region id word -> code address
     std::unordered_map<uint64_t, uint64_t> region_of_implicit;
+    std::unordered_map<uint64_t, uint64_t> region_barrier;  // region id word -> barrier time of all threads
+    std::unordered_map<uint64_t, std::vector<uint64_t>> region_work;  // region id word -> work by thread
     std::vector<task_node> nodes;
     std::vector<wait_mark> waits;
     std::vector<std::pair<uint32_t, uint32_t>> edges;  // dependences: before, after
+    bool early_use = false;  // a string handle was used before the file that names it was read
     // Dependences of one creator's file: the last writer and readers since, by variable.
     std::map<id3, std::pair<uint32_t, std::vector<uint32_t>>> variables;
 };
+
+void learn_name(state& s, uint64_t handle, const std::string& name) {
+    const interval_kind k = kind_of_task_name(name);
+    if (k != interval_kind::other) s.kind_by_handle.emplace(handle, k), s.out.openmp = true;
+    if (name == "omp_taskwait" || name == "omp_taskgroup") s.out.detailed = true;
+    if (name == "thread_num" && !s.thread_num_key) s.thread_num_key = handle;
+}
 
 interval_kind kind_of(const state& s, uint64_t handle) {
     const auto it = s.kind_by_handle.find(handle);
@@ -98,6 +109,20 @@ void close_interval(state& s, thread_stats& t, std::vector<open_interval>& stack
     if (!stack.empty()) stack.back().nested += duration;
     const interval_kind k = kind_of(s, top.name);
     uint64_t site = 0;
+    if (k == interval_kind::explicit_task || k == interval_kind::implicit_task) {
+        // Work of the region whose implicit task runs here, by thread.
+        const open_interval* implicit = k == interval_kind::implicit_task ? &top : nullptr;
+        for (auto it = stack.rbegin(); !implicit && it != stack.rend(); ++it)
+            if (kind_of(s, it->name) == interval_kind::implicit_task) implicit = &*it;
+        if (implicit) {
+            const size_t thread = t.thread_num >= 0 ? size_t(t.thread_num) : s.out.threads.size();
+            std::vector<uint64_t>& work = s.region_work[implicit->parent.a];
+            if (thread < 4096) {
+                if (work.size() <= thread) work.resize(thread + 1, 0);
+                work[thread] += exclusive;
+            }
+        }
+    }
     switch (k) {
     case interval_kind::explicit_task:
         t.busy_ns += exclusive;
@@ -137,10 +162,7 @@ void close_interval(state& s, thread_stats& t, std::vector<open_interval>& stack
         if (w != s.node_of_task.end()) ++s.nodes[w->second].waits;
         if (k == interval_kind::barrier) {
             const auto r = s.region_of_implicit.find(top.id.a);
-            if (r != s.region_of_implicit.end()) {
-                const auto site_it = s.region_site.find(r->second);
-                s.out.regions[site_it == s.region_site.end() ? r->second : site_it->second].barrier_ns += exclusive;
-            }
+            if (r != s.region_of_implicit.end()) s.region_barrier[r->second] += exclusive;
         }
     }
     if (s.visitor) {
@@ -163,18 +185,14 @@ void close_interval(state& s, thread_stats& t, std::vector<open_interval>& stack
 void on_record(state& s, thread_stats& t, std::vector<open_interval>& stack, uint64_t& depth, const record& rec,
                unsigned long file) {
     switch (rec.kind) {
+    case kind_domain_createA: note_name(s.out.names, rec); break;
     case kind_string_handle_createA: {
         note_name(s.out.names, rec);
-        const std::string& name = rec.fields[2].text;
-        const interval_kind k = kind_of_task_name(name);
-        if (k != interval_kind::other) s.kind_by_handle.emplace(rec.fields[1].number, k);
-        if (name == "omp_taskwait" || name == "omp_taskgroup") s.out.detailed = true;
-        if (name == "thread_num") s.thread_num_key = rec.fields[1].number;
-        if (k != interval_kind::other) s.out.openmp = true;
+        learn_name(s, rec.fields[0].number, rec.fields[2].text);
         break;
     }
-    case kind_domain_createA: note_name(s.out.names, rec); break;
     case kind_task_begin: {
+        if (!s.out.names.strings.count(rec.fields[3].number)) s.early_use = true;
         if (depth++ >= max_open) break;
         open_interval o;
         o.name = rec.fields[3].number;
@@ -238,7 +256,7 @@ void on_record(state& s, thread_stats& t, std::vector<open_interval>& stack, uin
             const id3 var = out ? tail : head;
             const uint32_t node = node_for(s, (out ? head : tail).a, interval_kind::explicit_task);
             auto& v = s.variables[var];
-            if (v.first != no_node && v.first != node && v.first != 0) s.edges.emplace_back(v.first - 1, node);
+            if (v.first != 0 && v.first - 1 != node) s.edges.emplace_back(v.first - 1, node);
             if (out) {
                 for (uint32_t r : v.second)
                     if (r != node) s.edges.emplace_back(r, node);
@@ -252,6 +270,7 @@ void on_record(state& s, thread_stats& t, std::vector<open_interval>& stack, uin
     }
     case kind_metadata: {
         const id3& id = rec.fields[1].id;
+        if (!s.out.names.strings.count(rec.fields[2].number)) s.early_use = true;
         if (s.thread_num_key && rec.fields[2].number == s.thread_num_key) {
             t.thread_num = long(rec.fields[5].number);
             const auto node = s.node_of_task.find(id.a);
@@ -296,65 +315,96 @@ void compute_span(state& s) {
         return it != s.waits.end() && it->node == node && it->ordinal == ordinal ? it->work : fallback;
     };
     // (time, 0 end / 1 start, node): ends first at equal times.
-    std::vector<std::pair<uint64_t, uint64_t>> events;
+    struct event {
+        uint64_t time;
+        uint32_t start, node;
+        bool operator<(const event& o) const {
+            return time != o.time ? time < o.time : start != o.start ? start < o.start : node < o.node;
+        }
+    };
+    std::vector<event> events;
     events.reserve(2 * n);
     for (uint32_t i = 0; i < n; ++i) {
         const task_node& t = s.nodes[i];
         if (t.first_begin == UINT64_MAX) continue;
-        events.emplace_back(t.first_begin, (uint64_t(i) << 1) | 1);
-        events.emplace_back(std::max(t.end, t.first_begin), uint64_t(i) << 1);
+        events.push_back({t.first_begin, 1, i});
+        events.push_back({std::max(t.end, t.first_begin), 0, i});
     }
     std::sort(events.begin(), events.end());
-    std::vector<uint32_t> via(n, no_node);  // the node the longest path came from
+    // Where the longest path into a task's start and into its end came from:
+    // the end from a child's end or the task's own start; the start from an
+    // end (a predecessor, a waited-for sibling, what ran before a region) or
+    // from the creator's start.
+    std::vector<uint32_t> start_via(n, no_node), end_via(n, no_node);
+    std::vector<bool> start_from_creator(n, false);
     uint64_t finished_max = 0;
     uint32_t finished_arg = no_node;
-    for (const auto& e : events) {
-        const uint32_t i = uint32_t(e.second >> 1);
+    for (const event& e : events) {
+        const uint32_t i = e.node;
         task_node& t = s.nodes[i];
-        if (e.second & 1) {
+        if (e.start) {
             uint64_t start = 0;
             if (t.creator != no_node) {
                 const task_node& c = s.nodes[t.creator];
                 start = c.start_path + t.offset;
-                via[i] = t.creator;
+                start_via[i] = t.creator;
+                start_from_creator[i] = true;
                 // Children the creator waited for before creating this task.
                 for (uint32_t k = child_start[t.creator]; k < child_start[t.creator + 1]; ++k) {
                     const task_node& sib = s.nodes[children[k]];
                     if (sib.waits_at_creation >= t.waits_at_creation || sib.end > t.first_begin) continue;
                     const uint64_t at = wait_work(t.creator, sib.waits_at_creation, t.offset);
                     const uint64_t path = sib.end_path + (t.offset > at ? t.offset - at : 0);
-                    if (path > start) start = path, via[i] = children[k];
+                    if (path > start) start = path, start_via[i] = children[k], start_from_creator[i] = false;
                 }
             } else if (t.kind != interval_kind::explicit_task) {
                 start = finished_max;  // a region starts after everything before it
-                via[i] = finished_arg;
+                start_via[i] = finished_arg;
             }
             auto edge = std::lower_bound(s.edges.begin(), s.edges.end(), std::make_pair(uint32_t(0), i),
                                          [](const auto& x, const auto& y) { return x.second < y.second; });
             for (; edge != s.edges.end() && edge->second == i; ++edge)
-                if (s.nodes[edge->first].end_path > start) start = s.nodes[edge->first].end_path, via[i] = edge->first;
+                if (s.nodes[edge->first].end_path > start)
+                    start = s.nodes[edge->first].end_path, start_via[i] = edge->first, start_from_creator[i] = false;
             t.start_path = start;
         } else {
             uint64_t end = t.start_path + t.work;
             for (uint32_t k = child_start[i]; k < child_start[i + 1]; ++k) {
                 const task_node& c = s.nodes[children[k]];
-                if (c.end > t.end) continue;
+                if (c.end > t.end || c.first_begin == UINT64_MAX) continue;
                 // A child waited for (or of a region's barrier) delays what follows.
                 const uint64_t at = c.waits_at_creation < t.waits ? wait_work(i, c.waits_at_creation, t.work) : t.work;
                 const uint64_t path = c.end_path + (t.work > at ? t.work - at : 0);
-                if (path > end) end = path, via[i] = children[k];
+                if (path > end) end = path, end_via[i] = children[k];
             }
             t.end_path = end;
             if (end >= finished_max) finished_max = end, finished_arg = i;
         }
     }
     s.out.span_ns = finished_max;
-    // The path back from the last task to finish, kinds merged.
+    // The path back from the last task to finish: from a task's end to the
+    // child it waited for or to its own start, from a start to the end it
+    // waited for or to its creator's start.
     std::vector<uint32_t> path;
-    for (uint32_t i = finished_arg; i != no_node && path.size() < n; i = via[i]) path.push_back(i);
+    uint32_t i = finished_arg;
+    bool at_end = true;
+    for (size_t steps = 0; i != no_node && steps < 4 * n + 4; ++steps) {
+        if (at_end) {
+            if (end_via[i] != no_node) {
+                i = end_via[i];
+            } else {
+                path.push_back(i);
+                at_end = false;
+            }
+        } else {
+            at_end = !start_from_creator[i];
+            i = start_via[i];
+            if (i != no_node && !at_end && (path.empty() || path.back() != i)) path.push_back(i);
+        }
+    }
     std::reverse(path.begin(), path.end());
-    for (uint32_t i : path) {
-        const task_node& t = s.nodes[i];
+    for (uint32_t p : path) {
+        const task_node& t = s.nodes[p];
         if (!s.out.critical_path.empty() && s.out.critical_path.back().site == t.site &&
             s.out.critical_path.back().kind == t.kind) {
             ++s.out.critical_path.back().tasks;
@@ -390,16 +440,16 @@ uint64_t region_stats::imbalance_ns() const {
     return max - sum / thread_work.size();
 }
 
-bool analyse_run(const std::vector<trace_path>& files, analysis& result, interval_visitor* visitor) {
-    state s{result, visitor, {}, 0, {}, {}, {}, {}, {}, {}, {}, {}};
-    // The OpenMP names may be created in a later file than the first use.
-    uint64_t first = 0;
-    if (!collect_names(files, result.names, first)) return false;
-    for (const auto& h : result.names.strings) {
-        const interval_kind k = kind_of_task_name(h.second);
-        if (k != interval_kind::other) s.kind_by_handle.emplace(h.first, k), result.openmp = true;
-        if (h.second == "omp_taskwait" || h.second == "omp_taskgroup") result.detailed = true;
-        if (h.second == "thread_num") s.thread_num_key = h.first;
+namespace {
+
+// One pass; with names_first the names of every file are read before.
+bool analyse_pass(const std::vector<trace_path>& files, analysis& result, interval_visitor* visitor,
+                  bool names_first, bool& early_use) {
+    state s(result, visitor);
+    if (names_first) {
+        uint64_t first = 0;
+        if (!collect_names(files, result.names, first)) return false;
+        for (const auto& h : result.names.strings) learn_name(s, h.first, h.second);
     }
     result.first = UINT64_MAX;
     std::vector<open_interval> stack;
@@ -439,12 +489,12 @@ bool analyse_run(const std::vector<trace_path>& files, analysis& result, interva
         ++rs.count;
         const task_node& n = s.nodes[reg.second];
         if (n.end > n.first_begin) rs.total_ns += n.end - n.first_begin;
+        const auto barrier = s.region_barrier.find(reg.first);
+        if (barrier != s.region_barrier.end()) rs.barrier_ns += barrier->second;
     }
     // Explicit tasks by kind; implicit tasks' work by region and thread.
-    std::vector<uint64_t> subtree(s.nodes.size(), 0);
-    for (size_t i = s.nodes.size(); i-- > 0;) {
+    for (size_t i = 0; i < s.nodes.size(); ++i) {
         const task_node& n = s.nodes[i];
-        subtree[i] += n.work;
         if (n.kind == interval_kind::explicit_task) {
             result.work_ns += n.work;
             task_kind_stats& k = result.task_kinds[n.site];
@@ -456,19 +506,30 @@ bool analyse_run(const std::vector<trace_path>& files, analysis& result, interva
         } else if (n.kind == interval_kind::implicit_task) {
             result.work_ns += n.work;
         }
-        if (n.creator != no_node && n.creator < i) subtree[n.creator] += subtree[i];
     }
-    for (const auto& imp : s.region_of_implicit) {
-        const auto node_it = s.node_of_task.find(imp.first);
-        if (node_it == s.node_of_task.end()) continue;
-        const auto site_it = s.region_site.find(imp.second);
+    for (const auto& rw : s.region_work) {
+        const auto site_it = s.region_site.find(rw.first);
         region_stats& rs = result.regions[site_it == s.region_site.end() ? 0 : site_it->second];
-        const uint32_t thread = s.nodes[node_it->second].thread;
-        if (thread >= rs.thread_work.size()) rs.thread_work.resize(thread + 1, 0);
-        rs.thread_work[thread] += subtree[node_it->second];
+        if (rs.thread_work.size() < rw.second.size()) rs.thread_work.resize(rw.second.size(), 0);
+        for (size_t i = 0; i < rw.second.size(); ++i) rs.thread_work[i] += rw.second[i];
     }
+    result.dependences = s.edges.size();
     compute_span(s);
+    early_use = s.early_use;
     return true;
+}
+
+}  // namespace
+
+bool analyse_run(const std::vector<trace_path>& files, analysis& result, interval_visitor* visitor) {
+    // Names are created at start-up on the first thread, so one pass is the
+    // rule; a run whose names come in a later file than their first use is
+    // read again with every name known (without a visitor, which has seen it).
+    bool early_use = false;
+    if (!analyse_pass(files, result, visitor, false, early_use)) return false;
+    if (!early_use || visitor) return true;
+    result = analysis();
+    return analyse_pass(files, result, nullptr, true, early_use);
 }
 
 }  // namespace ryl

@@ -181,15 +181,37 @@ void draw_node(drawing& d, const id3& id, const std::string& indent) {
     d.out += indent + node_id(id) + " [" + style + ", label=" + label(d, id, e) + "];\n";
 }
 
-void draw_cluster(drawing& d, const id3& id, const std::string& indent) {
-    const entity& e = d.g.entities.at(id);
-    d.out += indent + "subgraph cluster_" + node_id(id).substr(2) + " {\n";
-    d.out += indent + "  label=" + label(d, id, e) + ";\n";
-    // The cluster's own point, where its relations start and end.
-    d.out += indent + "  " + node_id(id) + " [shape=point, width=0.08];\n";
-    for (const id3& c : d.subclusters[id]) draw_cluster(d, c, indent + "  ");
-    for (const id3& m : d.members[id]) draw_node(d, m, indent + "  ");
-    d.out += indent + "}\n";
+// Clusters nest as deep as a trace makes them: drawn with a stack of our own,
+// not by recursion, so no crafted trace exhausts the thread's stack.
+void draw_cluster(drawing& d, const id3& top, const std::string& indent) {
+    struct frame {
+        id3 id;
+        size_t next = 0;  // subclusters drawn so far
+    };
+    std::vector<frame> stack;
+    // Indentation stops growing past a depth nobody reads.
+    auto padding = [&](size_t depth) { return indent + std::string(2 * std::min<size_t>(depth, 32), ' '); };
+    auto open = [&](const id3& id) {
+        const std::string pad = padding(stack.size());
+        d.out += pad + "subgraph cluster_" + node_id(id).substr(2) + " {\n";
+        d.out += pad + "  label=" + label(d, id, d.g.entities.at(id)) + ";\n";
+        // The cluster's own point, where its relations start and end.
+        d.out += pad + "  " + node_id(id) + " [shape=point, width=0.08];\n";
+        stack.push_back({id, 0});
+    };
+    open(top);
+    while (!stack.empty()) {
+        frame& f = stack.back();
+        const std::vector<id3>& subs = d.subclusters[f.id];
+        if (f.next < subs.size()) {
+            open(subs[f.next++]);
+            continue;
+        }
+        const std::string pad = padding(stack.size() - 1);
+        for (const id3& m : d.members[f.id]) draw_node(d, m, pad + "  ");
+        d.out += pad + "}\n";
+        stack.pop_back();
+    }
 }
 
 std::string draw(const task_graph& g) {

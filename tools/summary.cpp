@@ -17,12 +17,13 @@ constexpr size_t names_shown = 50;
 
 struct task_stat {
     uint64_t begun = 0;
-    uint64_t time = 0;  // nanoseconds between begins and their ends
+    uint64_t time = 0;  // nanoseconds between begins and their ends, nested tasks excluded
 };
 
 struct open_task {
     uint64_t name;
     uint64_t since;
+    uint64_t nested = 0;  // time of the tasks nested in it, not its own
 };
 
 struct file_summary {
@@ -52,6 +53,15 @@ struct task_pairing {
     uint64_t depth = 0;
 };
 
+// The innermost open task ends: its own time is its duration minus what was nested in it.
+void close_task(file_summary& fs, task_pairing& tp, uint64_t now) {
+    const open_task t = tp.open.back();
+    tp.open.pop_back();
+    const uint64_t duration = now > t.since ? now - t.since : 0;
+    fs.tasks[t.name].time += duration > t.nested ? duration - t.nested : 0;
+    if (!tp.open.empty()) tp.open.back().nested += duration;
+}
+
 void on_record(run_summary& run, file_summary& fs, task_pairing& tp, const record& rec) {
     ++fs.records;
     ++fs.by_kind[rec.kind];
@@ -65,7 +75,7 @@ void on_record(run_summary& run, file_summary& fs, task_pairing& tp, const recor
     case kind_task_begin: {
         ++fs.begun;
         ++fs.tasks[rec.fields[3].number].begun;
-        if (tp.depth++ < max_open_tasks) tp.open.push_back({rec.fields[3].number, rec.timestamp});
+        if (tp.depth++ < max_open_tasks) tp.open.push_back({rec.fields[3].number, rec.timestamp, 0});
         break;
     }
     case kind_task_end:
@@ -73,9 +83,7 @@ void on_record(run_summary& run, file_summary& fs, task_pairing& tp, const recor
         if (tp.depth == 0) {
             ++fs.unmatched_ends;
         } else if (--tp.depth < tp.open.size()) {
-            const open_task t = tp.open.back();
-            tp.open.pop_back();
-            if (rec.timestamp > t.since) fs.tasks[t.name].time += rec.timestamp - t.since;
+            close_task(fs, tp, rec.timestamp);
         }
         break;
     case kind_task_begin_async: ++fs.async_begun; break;
@@ -94,9 +102,8 @@ void on_record(run_summary& run, file_summary& fs, task_pairing& tp, const recor
     }
     case kind_end_of_records:
         // Tasks still open are closed by the end of the file.
-        for (const open_task& t : tp.open)
-            if (rec.timestamp > t.since) fs.tasks[t.name].time += rec.timestamp - t.since;
         fs.left_open = tp.depth;
+        while (!tp.open.empty()) close_task(fs, tp, rec.timestamp);
         tp.open.clear();
         tp.depth = 0;
         break;
@@ -192,11 +199,18 @@ void print_openmp(const run_summary& run) {
     std::unordered_map<uint64_t, uint64_t> begins;
     for (const file_summary& fs : run.files)
         for (const auto& t : fs.tasks) begins[t.first] += t.second.begun;
+    // The detailed recording begins a task again after every switch but
+    // records each creation once (relation 5); the plain one records
+    // creations only of tasks with dependences.
+    bool detailed = false;
+    for (const auto& h : run.names.strings) detailed = detailed || h.second == "omp_taskwait";
+    const uint64_t explicit_tasks = detailed ? run.relations[5] : by_name(run.names, begins, "omp_explicit");
+    const uint64_t with_dependences = detailed ? by_name(run.names, run.groups, "node") : run.relations[5];
     std::printf("OpenMP: %s, %s, %s (%llu with dependences), %s (%llu in, %llu out) on %s, %s\n",
                 plural(by_name(run.names, run.groups, "composite_node"), "region", "regions").c_str(),
                 plural(by_name(run.names, begins, "omp_implicit"), "implicit task", "implicit tasks").c_str(),
-                plural(by_name(run.names, begins, "omp_explicit"), "explicit task", "explicit tasks").c_str(),
-                static_cast<unsigned long long>(run.relations[5]),
+                plural(explicit_tasks, "explicit task", "explicit tasks").c_str(),
+                static_cast<unsigned long long>(with_dependences),
                 plural(run.relations[7], "dependence", "dependences").c_str(),
                 static_cast<unsigned long long>(run.dependences_in),
                 static_cast<unsigned long long>(run.dependences_out),

@@ -52,6 +52,8 @@ struct thread_state {
     unsigned long tid = 0;
     uint64_t last = 0;   // latest timestamp so far
     uint64_t depth = 0;  // tasks open
+    std::string file_name;    // "_ryl.N"
+    bool thread_named = false;  // named by its OpenMP thread number
     std::map<async_key, uint64_t> async;  // open async tasks and their name handles
 };
 
@@ -112,6 +114,15 @@ void on_record(timeline& t, thread_state& th, const record& rec) {
         th.async.erase(it);
         break;
     }
+    case kind_metadata:
+        // The first OpenMP thread number recorded on a thread names it.
+        if (!th.thread_named && string_name(*t.names, rec.fields[2].number) == "thread_num") {
+            th.thread_named = true;
+            emit(t, json{{"ph", "M"}, {"pid", 1}, {"tid", th.tid}, {"name", "thread_name"},
+                         {"args", {{"name", "OpenMP thread " + std::to_string(rec.fields[5].number) + " (" +
+                                                th.file_name + ")"}}}});
+        }
+        break;
     case kind_end_of_records: close_all(t, th, th.last); break;
     default: break;
     }
@@ -168,6 +179,7 @@ int timeline_command(const std::vector<std::string>& args) {
         thread_state th;
         th.tid = p.number;
         th.last = t.origin;
+        th.file_name = p.name;
         emit(t, metadata("thread_name", th.tid, {{"name", p.name}}));
         emit(t, metadata("thread_sort_index", th.tid, {{"sort_index", th.tid}}));
         while (next_record(f, rec) == read_status::record) on_record(t, th, rec);

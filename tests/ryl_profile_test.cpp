@@ -1,0 +1,162 @@
+// ryl profile on detailed OpenMP runs of known shape written by hand: exact
+// counts, work and span of a dependent chain beside an independent task, and
+// source locations of code addresses through an objects file.
+#include <gtest/gtest.h>
+#include <dlfcn.h>
+#include <link.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "child.h"
+#include "trace_text.h"
+
+namespace {
+
+child_result ryl(std::vector<std::string> args) {
+    args.insert(args.begin(), RYL_TOOL);
+    return run_program(args, {});
+}
+
+std::string rec(const std::string& name, unsigned long long ts, const std::string& fields = "") {
+    return "<record>\n" + field(name) + field(ts) + fields + "</record>\n";
+}
+std::string named(unsigned long long handle, const std::string& name) {
+    return rec("string_handle_createA", 1, field(handle) + field(name.size()) + field(name));
+}
+std::string begin(unsigned long long ts, unsigned long long id, unsigned long long parent, unsigned long long name) {
+    return rec("task_begin", ts, field(1) + id_field(id, 0, 0) + id_field(parent, 0, 0) + field(name) + field(0));
+}
+std::string end(unsigned long long ts) { return rec("task_end", ts, field(1)); }
+std::string meta(unsigned long long ts, unsigned long long id, unsigned long long b, unsigned long long key,
+                 unsigned type, unsigned long long value) {
+    return rec("metadata", ts, field(1) + id_field(id, b, 0) + field(key) + field(type) + field(1) + field(value));
+}
+std::string relation(unsigned long long ts, const std::string& head, unsigned kind, const std::string& tail) {
+    return rec("relation", ts, field(1) + head + field(kind) + tail);
+}
+std::string create(unsigned long long ts, unsigned long long task, unsigned long long creator, uint64_t site) {
+    return relation(ts, id_field(task, 0, 0), 5, id_field(creator, 0, 0)) + meta(ts, task, 0, 17, 1, site);
+}
+std::string finish(unsigned long long ts) { return rec("end_of_records", ts) + "</trace>\n"; }
+
+enum : unsigned { parallel = 10, implicit, explicit_task, barrier, taskwait, taskgroup, thread_num, code_address };
+
+// A function whose address the objects file resolves: the return address
+// recorded for a task construct is one past a call.
+__attribute__((noinline)) uint64_t task_site() { return uint64_t(__builtin_return_address(0)); }
+uint64_t known_site = task_site();
+constexpr unsigned known_line = __LINE__ - 1;
+
+uint64_t own_load_bias() {
+    uint64_t bias = 0;
+    dl_iterate_phdr([](dl_phdr_info* info, size_t, void* out) { *static_cast<uint64_t*>(out) = info->dlpi_addr; return 1; },
+                    &bias);
+    return bias;
+}
+
+// Thread 0 runs the region: its implicit task creates A, B (B depends on A)
+// and C, runs A then B and waits in the barrier; thread 1 runs C. Every task
+// takes 1 ms: work 3 ms plus the implicit tasks' own 0.2 ms, span 2 ms.
+void write_run(const std::string& dir, uint64_t site_ab, uint64_t site_c) {
+    mkdir(dir.c_str(), 0755);
+    const unsigned long long us = 1000;
+    std::string names = rec("domain_createA", 1, field(1) + field(6) + field("openmp"));
+    const char* texts[] = {"omp_parallel", "omp_implicit", "omp_explicit", "omp_barrier", "omp_taskwait",
+                           "omp_taskgroup", "thread_num", "code_address"};
+    for (unsigned n = 0; n < 8; ++n) names += named(parallel + n, texts[n]);
+    const std::string t0 =
+        header_lines(2) + names + begin(0, 100, 0, parallel) + begin(0, 1, 100, implicit) +
+        meta(0, 1, 0, thread_num, 3, 0) + create(10 * us, 200, 1, site_ab) + create(20 * us, 201, 1, site_ab) +
+        relation(20 * us, id_field(200, 1, 0), 7, id_field(9, 9, 9)) +
+        relation(20 * us, id_field(9, 9, 9), 7, id_field(201, 1, 0)) + create(30 * us, 202, 1, site_c) +
+        begin(100 * us, 200, 1, explicit_task) + end(1100 * us) + begin(1100 * us, 201, 1, explicit_task) +
+        end(2100 * us) + begin(2100 * us, 1, 100, barrier) + end(2200 * us) + end(2200 * us) +
+        meta(2200 * us, 100, 1, code_address, 1, site_c) + end(2200 * us) + finish(2300 * us);
+    const std::string t1 = header_lines(2) + begin(0, 2, 100, implicit) + meta(0, 2, 0, thread_num, 3, 1) +
+                           begin(100 * us, 202, 1, explicit_task) + end(1100 * us) + end(1100 * us) +
+                           begin(1100 * us, 2, 100, barrier) +
+                           end(2200 * us) + finish(2300 * us);
+    std::ofstream(dir + "/_ryl.0") << t0;
+    std::ofstream(dir + "/_ryl.1") << t1;
+}
+
+TEST(ryl_profile, work_span_and_counts_of_a_chain_beside_an_independent_task) {
+    const std::string dir = ::testing::TempDir() + "ryl_profile_chain";
+    write_run(dir, 0x1001, 0x2001);
+    const child_result r = ryl({"profile", dir, "--json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const nlohmann::json j = nlohmann::json::parse(r.out);
+    EXPECT_EQ(j["tasks_created"], 3);
+    EXPECT_EQ(j["work_ns"], 3200000);
+    EXPECT_NEAR(j["span_ns"].get<double>(), 2000000, 250000);
+    EXPECT_NEAR(j["parallelism"].get<double>(), 1.6, 0.2);
+    ASSERT_EQ(j["task_kinds"].size(), 2u);
+    EXPECT_EQ(j["task_kinds"][0]["address"], "0x1001");
+    EXPECT_EQ(j["task_kinds"][0]["count"], 2);
+    EXPECT_EQ(j["task_kinds"][0]["total_ns"], 2000000);
+    EXPECT_EQ(j["task_kinds"][0]["max_ns"], 1000000);
+    EXPECT_EQ(j["task_kinds"][1]["count"], 1);
+    ASSERT_EQ(j["regions"].size(), 1u);
+    EXPECT_EQ(j["regions"][0]["thread_work_ns"], nlohmann::json({2100000, 1100000}));
+    EXPECT_EQ(j["regions"][0]["imbalance_ns"], 500000);
+    ASSERT_EQ(j["threads"].size(), 2u);
+    EXPECT_EQ(j["threads"][1]["thread_num"], 1);
+    EXPECT_EQ(j["threads"][1]["busy_ns"], 1000000);
+    EXPECT_EQ(j["threads"][1]["own_ns"], 100000);
+    EXPECT_EQ(j["threads"][1]["waiting_ns"], 1100000);
+    EXPECT_EQ(j["critical_path"][0]["kind"], "parallel region");
+    EXPECT_EQ(j["critical_path"].back()["address"], "0x1001");
+    EXPECT_EQ(j["critical_path"].back()["tasks"], 2);
+    EXPECT_EQ(j["task_kinds"][0]["function"], "");  // no objects file: numbers only
+    const child_result human = ryl({"profile", dir});
+    EXPECT_NE(human.out.find("no objects file"), std::string::npos) << human.out;
+    // The summary counts tasks created, not their fragments.
+    EXPECT_NE(ryl({"summary", dir}).out.find("3 explicit tasks (0 with dependences)"), std::string::npos);
+    // The timeline names threads by their OpenMP thread number.
+    EXPECT_NE(ryl({"timeline", dir}).out.find("\"OpenMP thread 1 (_ryl.1)\""), std::string::npos);
+}
+
+// Sites in this PIE test program (with debug information), in the C library
+// (a shared library placed by address-space randomisation, symbols only), in
+// an object that is gone (object+offset) and outside every object (a number).
+TEST(ryl_profile, resolves_sites_through_the_objects_file) {
+    char exe[4096] = {};
+    ASSERT_GT(readlink("/proc/self/exe", exe, sizeof exe - 1), 0);
+    Dl_info libc;
+    ASSERT_NE(dladdr(reinterpret_cast<void*>(&abort), &libc), 0);
+    char objects[8192];
+    std::snprintf(objects, sizeof objects,
+                  "ryl-objects 1\npid 4242\nobject 0x%llx - %s\nobject %p - %s\nfiles 0 1\n"
+                  "object 0x7f0000000000 ab12 /nonexistent/libgone.so\nend\n",
+                  static_cast<unsigned long long>(own_load_bias()), exe, libc.dli_fbase, libc.dli_fname);
+    struct {
+        uint64_t site;
+        const char* function;  // nullptr: none
+        const char* file;      // a part of the file name, nullptr: not checked
+        unsigned line;
+        const char* name;      // nullptr: not checked
+    } cases[] = {
+        {known_site, "", "ryl_profile_test.cpp", known_line, nullptr},
+        {uint64_t(&abort) + 2, "abort", nullptr, 0, nullptr},
+        {0x7f0000001235, nullptr, "", 0, "libgone.so+0x1234"},
+        {0x10, nullptr, "", 0, "0x10"},
+    };
+    for (const auto& c : cases) {
+        const std::string dir = ::testing::TempDir() + "ryl_profile_symbols";
+        write_run(dir, c.site, 0x10);
+        std::ofstream(dir + "/objects.4242") << objects;
+        const child_result r = ryl({"profile", dir, "--json"});
+        ASSERT_EQ(r.status, 0) << r.err;
+        const nlohmann::json k = nlohmann::json::parse(r.out)["task_kinds"][0];
+        if (!c.function) EXPECT_EQ(k["function"], "") << k;
+        if (c.function && *c.function) EXPECT_EQ(k["function"], c.function) << k;
+        if (c.function && !*c.function) EXPECT_FALSE(k["function"].get<std::string>().empty()) << k;
+        if (c.file) EXPECT_NE(k["file"].get<std::string>().find(c.file), std::string::npos) << k;
+        if (c.line) EXPECT_EQ(k["line"], c.line) << k;
+        if (c.name) EXPECT_EQ(k["name"], c.name) << k;
+    }
+}
+
+}  // namespace
