@@ -45,6 +45,7 @@ struct run_summary {
     uint64_t relations[256] = {};
     uint64_t dependences_in = 0, dependences_out = 0;
     std::set<id3> variables;
+    std::set<id3> dependent_tasks;  // the task ends of dependence relations
 };
 
 // Pairs task begins with ends per file, the innermost open task first.
@@ -97,6 +98,7 @@ void on_record(run_summary& run, file_summary& fs, task_pairing& tp, const recor
             const bool out = rec.fields[1].id.b == 1;
             ++(out ? run.dependences_out : run.dependences_in);
             run.variables.insert(out ? rec.fields[3].id : rec.fields[1].id);
+            run.dependent_tasks.insert(out ? rec.fields[1].id : rec.fields[3].id);
         }
         break;
     }
@@ -205,7 +207,7 @@ void print_openmp(const run_summary& run) {
     bool detailed = false;
     for (const auto& h : run.names.strings) detailed = detailed || h.second == "omp_taskwait";
     const uint64_t explicit_tasks = detailed ? run.relations[5] : by_name(run.names, begins, "omp_explicit");
-    const uint64_t with_dependences = detailed ? by_name(run.names, run.groups, "node") : run.relations[5];
+    const uint64_t with_dependences = detailed ? run.dependent_tasks.size() : run.relations[5];
     std::printf("OpenMP: %s, %s, %s (%llu with dependences), %s (%llu in, %llu out) on %s, %s\n",
                 plural(by_name(run.names, run.groups, "composite_node"), "region", "regions").c_str(),
                 plural(by_name(run.names, begins, "omp_implicit"), "implicit task", "implicit tasks").c_str(),
