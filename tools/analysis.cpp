@@ -34,6 +34,7 @@ struct open_interval {
     uint64_t begin;
     uint64_t nested = 0;
     uint32_t node = no_node;
+    interval_kind resumed_wait = interval_kind::other;  // the wait this task was run from, if any
 };
 
 struct wait_mark {
@@ -56,6 +57,13 @@ struct state {
     std::vector<task_node> nodes;
     std::vector<wait_mark> waits;
     std::vector<std::pair<uint32_t, uint32_t>> edges;  // dependences: before, after
+    // A wait just closed on this file (or a task run from it just ended): the
+    // gap up to the next task run from the wait, or to the wait begun again,
+    // is the runtime scheduling, so it counts as waiting, not as own work.
+    interval_kind pending_wait = interval_kind::other;
+    uint64_t pending_since = 0;
+    size_t pending_depth = 0;
+    uint64_t pending_task = 0;  // id word of the waiting task
     bool early_use = false;  // a string handle was used before the file that names it was read
     // Dependences of one creator's file: the last writer and readers since, by variable.
     std::map<id3, std::pair<uint32_t, std::vector<uint32_t>>> variables;
@@ -98,6 +106,22 @@ uint32_t running_task(const std::vector<open_interval>& stack, const state& s) {
         if (k == interval_kind::barrier || k == interval_kind::taskwait || k == interval_kind::taskgroup) return no_node;
     }
     return no_node;
+}
+
+bool is_wait(interval_kind k) {
+    return k == interval_kind::barrier || k == interval_kind::taskwait || k == interval_kind::taskgroup;
+}
+
+void add_wait_time(state& s, thread_stats& t, interval_kind k, uint64_t waiting_task, uint64_t ns) {
+    if (k == interval_kind::barrier) {
+        t.barrier_ns += ns;
+        const auto r = s.region_of_implicit.find(waiting_task);
+        if (r != s.region_of_implicit.end()) s.region_barrier[r->second] += ns;
+    } else if (k == interval_kind::taskwait) {
+        t.taskwait_ns += ns;
+    } else if (k == interval_kind::taskgroup) {
+        t.taskgroup_ns += ns;
+    }
 }
 
 void close_interval(state& s, thread_stats& t, std::vector<open_interval>& stack, uint64_t now, bool by_end,
@@ -151,20 +175,22 @@ void close_interval(state& s, thread_stats& t, std::vector<open_interval>& stack
         }
         break;
     }
-    case interval_kind::barrier: t.barrier_ns += exclusive; break;
-    case interval_kind::taskwait: t.taskwait_ns += exclusive; break;
-    case interval_kind::taskgroup: t.taskgroup_ns += exclusive; break;
+    case interval_kind::barrier:
+    case interval_kind::taskwait:
+    case interval_kind::taskgroup: add_wait_time(s, t, k, top.id.a, exclusive); break;
     case interval_kind::other: t.other_ns += exclusive; break;
     }
-    if (k == interval_kind::barrier || k == interval_kind::taskwait || k == interval_kind::taskgroup) {
+    s.pending_wait = interval_kind::other;
+    if (is_wait(k)) {
         // The waiting task is the interval's id: one more finished wait.
         const auto w = s.node_of_task.find(top.id.a);
         if (w != s.node_of_task.end()) ++s.nodes[w->second].waits;
-        if (k == interval_kind::barrier) {
-            const auto r = s.region_of_implicit.find(top.id.a);
-            if (r != s.region_of_implicit.end()) s.region_barrier[r->second] += exclusive;
-        }
+        s.pending_wait = k, s.pending_task = top.id.a;
+    } else if (k == interval_kind::explicit_task && top.resumed_wait != interval_kind::other && !stack.empty()) {
+        s.pending_wait = top.resumed_wait, s.pending_task = stack.back().id.a;
     }
+    s.pending_since = now;
+    s.pending_depth = stack.size();
     if (s.visitor) {
         interval iv;
         iv.kind = k;
@@ -200,6 +226,14 @@ void on_record(state& s, thread_stats& t, std::vector<open_interval>& stack, uin
         o.parent = rec.fields[2].id;
         o.begin = rec.timestamp;
         const interval_kind k = kind_of(s, o.name);
+        if (s.pending_wait != interval_kind::other && stack.size() == s.pending_depth && !stack.empty() &&
+            (k == interval_kind::explicit_task || k == s.pending_wait) && rec.timestamp >= s.pending_since) {
+            const uint64_t gap = rec.timestamp - s.pending_since;
+            add_wait_time(s, t, s.pending_wait, s.pending_task, gap);
+            stack.back().nested += gap;
+            if (k == interval_kind::explicit_task) o.resumed_wait = s.pending_wait;
+        }
+        s.pending_wait = interval_kind::other;
         if (k == interval_kind::explicit_task || k == interval_kind::implicit_task) {
             o.node = node_for(s, o.id.a, k);
             task_node& n = s.nodes[o.node];
@@ -462,6 +496,7 @@ bool analyse_pass(const std::vector<trace_path>& files, analysis& result, interv
         t.first = UINT64_MAX;
         stack.clear();
         s.variables.clear();
+        s.pending_wait = interval_kind::other;
         uint64_t depth = 0;
         record rec;
         while (next_record(f, rec) == read_status::record) {
@@ -513,6 +548,13 @@ bool analyse_pass(const std::vector<trace_path>& files, analysis& result, interv
         if (rs.thread_work.size() < rw.second.size()) rs.thread_work.resize(rw.second.size(), 0);
         for (size_t i = 0; i < rw.second.size(); ++i) rs.thread_work[i] += rw.second[i];
     }
+    // Regions and their implicit tasks are named by the region's site.
+    for (const auto& reg : s.node_of_region) {
+        const auto site_it = s.region_site.find(reg.first);
+        if (site_it != s.region_site.end()) s.nodes[reg.second].site = site_it->second;
+    }
+    for (task_node& n : s.nodes)
+        if (n.kind == interval_kind::implicit_task && n.creator != no_node) n.site = s.nodes[n.creator].site;
     result.dependences = s.edges.size();
     compute_span(s);
     early_use = s.early_use;

@@ -6,6 +6,7 @@
 
 #include <cxxabi.h>
 #include <dirent.h>
+#include <elfutils/libdw.h>
 #include <elfutils/libdwfl.h>
 
 #include <algorithm>
@@ -41,6 +42,25 @@ std::string demangled(const char* name) {
 std::string base_name(const std::string& path) {
     const size_t slash = path.rfind('/');
     return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// The line of address when libdw's lookup through .debug_aranges finds no
+// compile unit: clang writes no such table, and libdw 0.188 does not build it
+// from the units, so the units' own address ranges are searched.
+bool line_from_units(Dwfl_Module* module, Dwarf_Addr address, code_location& where) {
+    Dwarf_Addr bias = 0;
+    for (Dwarf_Die* unit = dwfl_module_nextcu(module, nullptr, &bias); unit;
+         unit = dwfl_module_nextcu(module, unit, &bias)) {
+        if (dwarf_haspc(unit, address - bias) <= 0) continue;
+        Dwarf_Line* line = dwarf_getsrc_die(unit, address - bias);
+        if (!line) return false;
+        int line_number = 0;
+        const char* file = dwarf_linesrc(line, nullptr, nullptr);
+        if (file) where.file = file;
+        if (dwarf_lineno(line, &line_number) == 0 && line_number > 0) where.line = unsigned(line_number);
+        return file != nullptr;
+    }
+    return false;
 }
 
 }  // namespace
@@ -167,6 +187,8 @@ const code_location& symbolizer::locate_in(size_t first, uint64_t return_address
             const char* file = dwfl_lineinfo(line, nullptr, &line_number, nullptr, nullptr, nullptr);
             if (file) where.file = file;
             if (line_number > 0) where.line = unsigned(line_number);
+        } else {
+            line_from_units(module, address, where);
         }
         return where;
     }
