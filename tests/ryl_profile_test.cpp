@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include <fstream>
+#include <set>
 #include <nlohmann/json.hpp>
 
 #include "child.h"
@@ -106,9 +107,11 @@ TEST(ryl_profile, work_span_and_counts_of_a_chain_beside_an_independent_task) {
     EXPECT_EQ(j["threads"][1]["busy_ns"], 1000000);
     EXPECT_EQ(j["threads"][1]["own_ns"], 100000);
     EXPECT_EQ(j["threads"][1]["waiting_ns"], 1100000);
-    EXPECT_EQ(j["critical_path"][0]["kind"], "parallel region");
-    EXPECT_EQ(j["critical_path"].back()["address"], "0x1001");
-    EXPECT_EQ(j["critical_path"].back()["tasks"], 2);
+    // The critical path by kind, the longest first: the chain A -> B.
+    EXPECT_EQ(j["critical_path"][0]["address"], "0x1001");
+    EXPECT_EQ(j["critical_path"][0]["kind"], "explicit task");
+    EXPECT_EQ(j["critical_path"][0]["tasks"], 2);
+    EXPECT_EQ(j["critical_path"][0]["ns"], 2000000);
     EXPECT_EQ(j["task_kinds"][0]["function"], "");  // no objects file: numbers only
     const child_result human = ryl({"profile", dir});
     EXPECT_NE(human.out.find("no objects file"), std::string::npos) << human.out;
@@ -158,5 +161,56 @@ TEST(ryl_profile, resolves_sites_through_the_objects_file) {
         if (c.name) EXPECT_EQ(k["name"], c.name) << k;
     }
 }
+
+#ifdef RYL_OMP_SHAPES
+// Programs of known shape (clang, PIE, -g) traced through ryl run: exact task
+// counts, creation sites named by the function that holds them (inlined or
+// not), and the chain beside independent tasks: its span is the chain, its
+// work all the tasks.
+TEST(ryl_profile, programs_of_known_shape_under_ryl_run) {
+    const struct {
+        const char* shape;
+        const char* function;  // holds the task constructs
+        size_t lines;          // task constructs (a construct inlined twice has two sites)
+    } cases[] = {{"chain", "chain", 2},           {"nested", "tree", 2},          {"untied", "untied_tree", 2},
+                 {"taskgroup", "taskgroup", 2}, {"nested_parallel", "nested_parallel", 1}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.shape);
+        const std::string dir = ::testing::TempDir() + "ryl_profile_shape_" + c.shape;
+        run_program({"rm", "-rf", dir}, {});
+        // The chain's tasks spin long enough (a few ms) for the runtime's own time to be small beside them.
+        const child_result run =
+            run_program({RYL_TOOL, "run", "-o", dir, "--", RYL_OMP_SHAPES, c.shape, "40"}, {{"OMP_NUM_THREADS", "2"}});
+        ASSERT_EQ(run.status, 0) << run.err;
+        const size_t at = run.out.find("created ");
+        ASSERT_NE(at, std::string::npos) << run.out;
+        const int created = std::atoi(run.out.c_str() + at + 8);
+        EXPECT_NE(run.out.find(" " + std::to_string(created) + " explicit tasks"), std::string::npos) << run.out;
+        const child_result r = ryl({"profile", dir, "--json"});
+        ASSERT_EQ(r.status, 0) << r.err;
+        const nlohmann::json j = nlohmann::json::parse(r.out);
+        EXPECT_EQ(j["tasks_created"], created);
+        std::set<int> lines;
+        int counted = 0;
+        uint64_t task_time = 0;
+        for (const auto& k : j["task_kinds"]) {
+            counted += k["count"].get<int>();
+            task_time += k["total_ns"].get<uint64_t>();
+            EXPECT_EQ(k["function"], c.function) << k;
+            EXPECT_NE(k["file"].get<std::string>().find("omp_shapes.c"), std::string::npos) << k;
+            lines.insert(k["line"].get<int>());
+        }
+        EXPECT_EQ(lines.size(), c.lines) << j["task_kinds"];
+        EXPECT_EQ(counted, created);
+        if (std::string(c.shape) == "chain") {
+            // Both kinds spin alike; the chain's kind is the one on the critical path.
+            const double chain_ns = j["critical_path"][0]["ns"];
+            EXPECT_NEAR(j["work_ns"].get<double>(), double(task_time), 0.15 * double(task_time));
+            EXPECT_NEAR(j["span_ns"].get<double>(), chain_ns, 0.25 * chain_ns);
+            EXPECT_NEAR(chain_ns, task_time / 2.0, 0.25 * task_time / 2.0);
+        }
+    }
+}
+#endif
 
 }  // namespace

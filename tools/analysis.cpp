@@ -252,6 +252,7 @@ void on_record(state& s, thread_stats& t, std::vector<open_interval>& stack, uin
             if (w != s.node_of_task.end())
                 s.waits.push_back({w->second, s.nodes[w->second].waits, work_so_far(s, stack, w->second, rec.timestamp)});
         } else if (k == interval_kind::parallel) {
+            if (stack.empty()) t.serial_ns = 1;  // marks the thread; the time is filled in at the end
             const auto found = s.node_of_region.emplace(o.id.a, uint32_t(s.nodes.size()));
             if (found.second) {
                 s.nodes.emplace_back();
@@ -512,6 +513,9 @@ bool analyse_pass(const std::vector<trace_path>& files, analysis& result, interv
         const uint64_t lifetime = t.last - t.first;
         const uint64_t accounted = t.busy_ns + t.own_ns + t.barrier_ns + t.taskwait_ns + t.taskgroup_ns + t.other_ns;
         t.idle_ns = lifetime > accounted ? lifetime - accounted : 0;
+        // The initial task is no interval: outside the regions it forks, its
+        // thread runs the program's serial code.
+        if (t.serial_ns) t.serial_ns = t.idle_ns, t.idle_ns = 0;
         result.records += t.records;
         if (t.records) result.first = std::min(result.first, t.first), result.last = std::max(result.last, t.last);
         result.threads.push_back(t);

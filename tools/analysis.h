@@ -75,6 +75,7 @@ struct thread_stats {
     uint64_t barrier_ns = 0, taskwait_ns = 0, taskgroup_ns = 0;
     uint64_t other_ns = 0;       // other tasks of the trace (not OpenMP)
     uint64_t idle_ns = 0;        // between first and last record, outside every interval
+    uint64_t serial_ns = 0;      // the same on a thread that forks outermost regions: its serial code
     uint64_t left_open = 0;      // intervals still open at the end of the file
     uint64_t unmatched_ends = 0; // task_end records without an open task
 };

@@ -2,6 +2,7 @@
 // location: task kinds and regions, the threads' work and waiting, work, span
 // and parallelism, the critical path and what the recording itself cost.
 #include <algorithm>
+#include <map>
 #include <nlohmann/json.hpp>
 
 #include "analysis.h"
@@ -15,6 +16,27 @@ namespace {
 constexpr uint64_t record_cost_ns = 60;
 // A task or region shorter than this many times its recording cost is flagged.
 constexpr uint64_t cost_factor = 10;
+// Rows of each table in the human form (the JSON has them all).
+constexpr size_t rows_shown = 20;
+constexpr size_t path_rows_shown = 10;
+
+// The critical path by kind and site: how much of the span each one is.
+std::vector<path_step> path_by_kind(const std::vector<path_step>& path) {
+    std::map<std::pair<uint64_t, int>, path_step> merged;
+    for (const path_step& p : path) {
+        path_step& m = merged.emplace(std::make_pair(p.site, int(p.kind)), path_step{p.site, p.kind, 0, 0}).first->second;
+        m.tasks += p.tasks;
+        m.ns += p.ns;
+    }
+    std::vector<path_step> steps;
+    for (const auto& m : merged) steps.push_back(m.second);
+    std::sort(steps.begin(), steps.end(), [](const path_step& x, const path_step& y) { return x.ns > y.ns; });
+    return steps;
+}
+
+void print_more(std::FILE* o, size_t total, size_t shown) {
+    if (total > shown) std::fprintf(o, "  ... and %zu more (--json lists them all)\n", total - shown);
+}
 
 std::string kind_text(interval_kind k) {
     switch (k) {
@@ -87,6 +109,11 @@ int profile_command(const std::vector<std::string>& args) {
     for (const auto& k : a.task_kinds) kinds.emplace_back(k.second.total_ns, &k.second);
     std::sort(kinds.begin(), kinds.end(), [](const auto& x, const auto& y) { return x.first > y.first; });
 
+    std::vector<const region_stats*> regions;
+    for (const auto& r : a.regions) regions.push_back(&r.second);
+    std::stable_sort(regions.begin(), regions.end(),
+                     [](const region_stats* x, const region_stats* y) { return x->total_ns > y->total_ns; });
+
     output out;
     if (!open_output(out, line.out)) return exit_error;
     if (json) {
@@ -100,7 +127,8 @@ int profile_command(const std::vector<std::string>& args) {
         j["tasks_created"] = a.tasks_created;
         j["dependences"] = a.dependences;
         j["critical_path"] = nlohmann::json::array();
-        for (const path_step& p : a.critical_path) {
+        j["critical_path_steps"] = a.critical_path.size();
+        for (const path_step& p : path_by_kind(a.critical_path)) {
             nlohmann::json step;
             put_location(step, symbols, p.site);
             step["kind"] = kind_text(p.kind);
@@ -120,14 +148,14 @@ int profile_command(const std::vector<std::string>& args) {
             j["task_kinds"].push_back(e);
         }
         j["regions"] = nlohmann::json::array();
-        for (const auto& r : a.regions) {
+        for (const region_stats* r : regions) {
             nlohmann::json e;
-            put_location(e, symbols, r.second.address);
-            e["count"] = r.second.count;
-            e["total_ns"] = r.second.total_ns;
-            e["thread_work_ns"] = r.second.thread_work;
-            e["imbalance_ns"] = r.second.imbalance_ns();
-            e["barrier_ns"] = r.second.barrier_ns;
+            put_location(e, symbols, r->address);
+            e["count"] = r->count;
+            e["total_ns"] = r->total_ns;
+            e["thread_work_ns"] = r->thread_work;
+            e["imbalance_ns"] = r->imbalance_ns();
+            e["barrier_ns"] = r->barrier_ns;
             j["regions"].push_back(e);
         }
         j["threads"] = nlohmann::json::array();
@@ -136,7 +164,8 @@ int profile_command(const std::vector<std::string>& args) {
                                     {"busy_ns", t.busy_ns}, {"own_ns", t.own_ns},
                                     {"waiting_ns", t.barrier_ns + t.taskwait_ns + t.taskgroup_ns},
                                     {"barrier_ns", t.barrier_ns}, {"taskwait_ns", t.taskwait_ns},
-                                    {"taskgroup_ns", t.taskgroup_ns}, {"idle_ns", t.idle_ns}});
+                                    {"taskgroup_ns", t.taskgroup_ns}, {"idle_ns", t.idle_ns},
+                                    {"serial_ns", t.serial_ns}});
         }
         nlohmann::json cost = {{"records", a.records}, {"record_cost_ns", record_cost_ns},
                                {"estimate_ns", cost_ns}, {"median_task_ns", median_task}};
@@ -157,33 +186,37 @@ int profile_command(const std::vector<std::string>& args) {
                  parallelism);
     if (!kinds.empty()) {
         std::fprintf(o, "\n%-48s %10s %12s %10s %10s\n", "task kind", "count", "total ms", "mean us", "max us");
-        for (const auto& k : kinds) {
-            const task_kind_stats& s = *k.second;
+        for (size_t i = 0; i < kinds.size() && i < rows_shown; ++i) {
+            const task_kind_stats& s = *kinds[i].second;
             std::fprintf(o, "%-48s %10llu %12s %10.1f %10.1f\n", name_of(symbols, s.address).c_str(),
                          (unsigned long long)s.count, ms(s.total_ns).c_str(),
                          s.count ? double(s.total_ns) / s.count / 1e3 : 0.0, double(s.max_ns) / 1e3);
         }
+        print_more(o, kinds.size(), rows_shown);
     }
     if (!a.regions.empty()) {
         std::fprintf(o, "\n%-48s %8s %12s %14s %12s\n", "parallel region", "count", "total ms", "imbalance ms",
                      "barrier ms");
-        for (const auto& r : a.regions)
-            std::fprintf(o, "%-48s %8llu %12s %14s %12s\n", name_of(symbols, r.second.address).c_str(),
-                         (unsigned long long)r.second.count, ms(r.second.total_ns).c_str(),
-                         ms(r.second.imbalance_ns()).c_str(), ms(r.second.barrier_ns).c_str());
+        for (size_t i = 0; i < regions.size() && i < rows_shown; ++i)
+            std::fprintf(o, "%-48s %8llu %12s %14s %12s\n", name_of(symbols, regions[i]->address).c_str(),
+                         (unsigned long long)regions[i]->count, ms(regions[i]->total_ns).c_str(),
+                         ms(regions[i]->imbalance_ns()).c_str(), ms(regions[i]->barrier_ns).c_str());
+        print_more(o, regions.size(), rows_shown);
     }
-    std::fprintf(o, "\n%-10s %6s %12s %12s %12s %12s\n", "file", "thread", "tasks ms", "own work ms", "waiting ms",
-                 "idle ms");
+    std::fprintf(o, "\n%-10s %6s %12s %12s %12s %12s %12s\n", "file", "thread", "tasks ms", "own work ms",
+                 "waiting ms", "serial ms", "idle ms");
     for (const thread_stats& t : a.threads)
-        std::fprintf(o, "%-10s %6s %12s %12s %12s %12s\n", t.name.c_str(),
+        std::fprintf(o, "%-10s %6s %12s %12s %12s %12s %12s\n", t.name.c_str(),
                      t.thread_num < 0 ? "-" : std::to_string(t.thread_num).c_str(), ms(t.busy_ns).c_str(),
                      ms(t.own_ns).c_str(), ms(t.barrier_ns + t.taskwait_ns + t.taskgroup_ns).c_str(),
-                     ms(t.idle_ns).c_str());
+                     ms(t.serial_ns).c_str(), ms(t.idle_ns).c_str());
     if (!a.critical_path.empty()) {
-        std::fprintf(o, "\ncritical path:\n");
-        for (const path_step& p : a.critical_path)
-            std::fprintf(o, "  %-46s %8llu x %12s ms  (%s)\n", name_of(symbols, p.site).c_str(),
-                         (unsigned long long)p.tasks, ms(p.ns).c_str(), kind_text(p.kind).c_str());
+        const std::vector<path_step> steps = path_by_kind(a.critical_path);
+        std::fprintf(o, "\ncritical path (%zu steps), by time on it:\n", a.critical_path.size());
+        for (size_t i = 0; i < steps.size() && i < path_rows_shown; ++i)
+            std::fprintf(o, "  %-46s %8llu x %12s ms  (%s)\n", name_of(symbols, steps[i].site).c_str(),
+                         (unsigned long long)steps[i].tasks, ms(steps[i].ns).c_str(), kind_text(steps[i].kind).c_str());
+        print_more(o, steps.size(), path_rows_shown);
     }
     std::fprintf(o, "\ntracing cost: %llu records, about %s ms\n", (unsigned long long)a.records, ms(cost_ns).c_str());
     if (costly)

@@ -6,6 +6,7 @@
 
 #include <cxxabi.h>
 #include <dirent.h>
+#include <dwarf.h>
 #include <elfutils/libdw.h>
 #include <elfutils/libdwfl.h>
 
@@ -44,23 +45,67 @@ std::string base_name(const std::string& path) {
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-// The line of address when libdw's lookup through .debug_aranges finds no
-// compile unit: clang writes no such table, and libdw 0.188 does not build it
-// from the units, so the units' own address ranges are searched.
-bool line_from_units(Dwfl_Module* module, Dwarf_Addr address, code_location& where) {
-    Dwarf_Addr bias = 0;
+// The compile unit holding address. libdw finds it through .debug_aranges;
+// clang writes no such table and libdw 0.188 does not build it from the
+// units, so then the units' own address ranges are searched.
+Dwarf_Die* unit_of(Dwfl_Module* module, Dwarf_Addr address, Dwarf_Addr& bias) {
+    if (Dwarf_Die* unit = dwfl_module_addrdie(module, address, &bias)) return unit;
     for (Dwarf_Die* unit = dwfl_module_nextcu(module, nullptr, &bias); unit;
-         unit = dwfl_module_nextcu(module, unit, &bias)) {
-        if (dwarf_haspc(unit, address - bias) <= 0) continue;
-        Dwarf_Line* line = dwarf_getsrc_die(unit, address - bias);
-        if (!line) return false;
+         unit = dwfl_module_nextcu(module, unit, &bias))
+        if (dwarf_haspc(unit, address - bias) > 0) return unit;
+    return nullptr;
+}
+
+// A body the compiler outlined (".omp_outlined..14") is no scope of the
+// function it came from: that function is the one of the unit declared last
+// before the line, in the same file.
+void enclosing_by_line(Dwarf_Die* unit, code_location& where) {
+    if (where.file.empty() || where.line == 0) return;
+    Dwarf_Die child;
+    if (dwarf_child(unit, &child) != 0) return;
+    int best_line = 0;
+    do {
+        if (dwarf_tag(&child) != DW_TAG_subprogram) continue;
+        const char* name = dwarf_diename(&child);
+        const char* file = dwarf_decl_file(&child);
+        int line = 0;
+        if (!name || name[0] == '.' || !file || where.file != file || dwarf_decl_line(&child, &line) != 0) continue;
+        if (line <= int(where.line) && line > best_line) {
+            best_line = line;
+            Dwarf_Attribute attribute;
+            const char* linkage = dwarf_formstring(dwarf_attr_integrate(&child, DW_AT_linkage_name, &attribute));
+            where.function = linkage ? demangled(linkage) : name;
+        }
+    } while (dwarf_siblingof(&child, &child) == 0);
+}
+
+// File, line and the innermost function a user wrote at address: a function
+// inlined there names it rather than the one it was inlined into (an OpenMP
+// body outlined by the compiler as ".omp_outlined." is named by the function
+// whose code it holds).
+void locate_in_unit(Dwarf_Die* unit, Dwarf_Addr address, code_location& where) {
+    if (Dwarf_Line* line = dwarf_getsrc_die(unit, address)) {
         int line_number = 0;
-        const char* file = dwarf_linesrc(line, nullptr, nullptr);
-        if (file) where.file = file;
+        if (const char* file = dwarf_linesrc(line, nullptr, nullptr)) where.file = file;
         if (dwarf_lineno(line, &line_number) == 0 && line_number > 0) where.line = unsigned(line_number);
-        return file != nullptr;
     }
-    return false;
+    Dwarf_Die* scopes = nullptr;
+    const int count = dwarf_getscopes(unit, address, &scopes);
+    for (int i = 0; i < count; ++i) {
+        const int tag = dwarf_tag(&scopes[i]);
+        if (tag != DW_TAG_inlined_subroutine && tag != DW_TAG_subprogram) continue;
+        const char* name = dwarf_diename(&scopes[i]);
+        if (!name || name[0] == '.') continue;  // made by the compiler
+        // The symbol table's name is the qualified one: keep it for the
+        // function itself, take the inlined function's own linkage name.
+        if (tag == DW_TAG_subprogram && i == 0 && !where.function.empty() && where.function[0] != '.') break;
+        Dwarf_Attribute attribute;
+        const char* linkage = dwarf_formstring(dwarf_attr_integrate(&scopes[i], DW_AT_linkage_name, &attribute));
+        where.function = linkage ? demangled(linkage) : name;
+        break;
+    }
+    std::free(scopes);
+    if (where.function.empty() || where.function[0] == '.') enclosing_by_line(unit, where);
 }
 
 }  // namespace
@@ -182,14 +227,8 @@ const code_location& symbolizer::locate_in(size_t first, uint64_t return_address
         where.object = path ? path : "";
         where.offset = address - bias;
         where.function = demangled(dwfl_module_addrname(module, address));
-        if (Dwfl_Line* line = dwfl_module_getsrc(module, address)) {
-            int line_number = 0;
-            const char* file = dwfl_lineinfo(line, nullptr, &line_number, nullptr, nullptr, nullptr);
-            if (file) where.file = file;
-            if (line_number > 0) where.line = unsigned(line_number);
-        } else {
-            line_from_units(module, address, where);
-        }
+        Dwarf_Addr unit_bias = 0;
+        if (Dwarf_Die* unit = unit_of(module, address, unit_bias)) locate_in_unit(unit, address - unit_bias, where);
         return where;
     }
     // An object libdw could not read: the nearest load address below.
@@ -204,11 +243,26 @@ const code_location& symbolizer::locate_in(size_t first, uint64_t return_address
     return where;
 }
 
+std::string without_parameters(const std::string& function) {
+    size_t end = function.size();
+    const std::string qualifier = " const";
+    if (end > qualifier.size() && function.compare(end - qualifier.size(), qualifier.size(), qualifier) == 0)
+        end -= qualifier.size();
+    if (end == 0 || function[end - 1] != ')') return function;
+    int depth = 0;
+    for (size_t i = end; i-- > 0;) {
+        if (function[i] == ')') ++depth;
+        if (function[i] == '(' && --depth == 0) return i ? function.substr(0, i) : function;
+    }
+    return function;
+}
+
 std::string location_name(const code_location& where, uint64_t address) {
     char number[32];
     if (!where.function.empty()) {
-        if (where.file.empty() || where.line == 0) return where.function;
-        return where.function + " (" + base_name(where.file) + ":" + std::to_string(where.line) + ")";
+        const std::string function = without_parameters(where.function);
+        if (where.file.empty() || where.line == 0) return function;
+        return function + " (" + base_name(where.file) + ":" + std::to_string(where.line) + ")";
     }
     if (!where.object.empty()) {
         std::snprintf(number, sizeof number, "+0x%llx", static_cast<unsigned long long>(where.offset));

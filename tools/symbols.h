@@ -68,7 +68,10 @@ private:
     const code_location& locate_in(size_t first, uint64_t return_address);
 };
 
-// A short name for reports: "fib (fib.c:12)", "fib", "prog+0x1234" or "0x401234".
+// A short name for reports: "fib (fib.c:12)", "fib", "prog+0x1234" or
+// "0x401234"; C++ functions without their parameter list ("ns::f", not
+// "ns::f(int, double)").
+std::string without_parameters(const std::string& function);
 std::string location_name(const code_location& where, uint64_t address);
 
 }  // namespace ryl

@@ -18,6 +18,7 @@ static void count(void) {
 }
 
 static volatile int sink;
+static int scale = 1; /* the chain's tasks spin this many times longer (second argument) */
 
 static void spin(int n) {
     for (int i = 0; i < n; ++i) sink += i;
@@ -33,12 +34,12 @@ static void chain(void) {
             count();
 #pragma omp task depend(inout : link) shared(link)
             {
-                spin(100000);
+                spin(100000 * scale);
                 ++link;
             }
             count();
 #pragma omp task
-            spin(100000);
+            spin(100000 * scale);
         }
     }
 }
@@ -137,7 +138,10 @@ static void detach(void) {
 
 int main(int argc, char** argv) {
     const char* shape = argc > 1 ? argv[1] : "";
-    if (!strcmp(shape, "chain")) chain();
+    if (!strcmp(shape, "chain")) {
+        if (argc > 2) scale = atoi(argv[2]);
+        chain();
+    }
     else if (!strcmp(shape, "nested")) nested();
     else if (!strcmp(shape, "untied")) untied();
     else if (!strcmp(shape, "taskgroup")) taskgroup();
