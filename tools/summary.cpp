@@ -5,6 +5,7 @@
 #include <unordered_map>
 
 #include "ryl.h"
+#include "symbols.h"
 
 namespace ryl {
 
@@ -46,6 +47,9 @@ struct run_summary {
     uint64_t dependences_in = 0, dependences_out = 0;
     std::set<id3> variables;
     std::set<id3> dependent_tasks;  // the task ends of dependence relations
+    // Code addresses recorded as metadata on explicit tasks ({T,0,0}) and
+    // regions ({R,1,0}): tasks created and regions run per site.
+    std::unordered_map<uint64_t, uint64_t> task_sites, region_sites;
 };
 
 // Pairs task begins with ends per file, the innermost open task first.
@@ -102,6 +106,14 @@ void on_record(run_summary& run, file_summary& fs, task_pairing& tp, const recor
         }
         break;
     }
+    case kind_metadata:
+        // A code address (type 1) on a task or a region id.
+        if (rec.fields[3].number == 1 && rec.fields[1].id.c == 0 &&
+            string_name(run.names, rec.fields[2].number) == "code_address") {
+            if (rec.fields[1].id.b == 0) ++run.task_sites[rec.fields[5].number];
+            if (rec.fields[1].id.b == 1) ++run.region_sites[rec.fields[5].number];
+        }
+        break;
     case kind_end_of_records:
         // Tasks still open are closed by the end of the file.
         fs.left_open = tp.depth;
@@ -194,7 +206,23 @@ uint64_t by_name(const name_table& names, const std::unordered_map<uint64_t, uin
     return n;
 }
 
-void print_openmp(const run_summary& run) {
+// "fib (fib.c:102) 121392, fib (fib.c:104) 121392": the sites by count, the
+// most frequent first, through the run's objects files when there are any.
+void print_sites(const char* title, const std::unordered_map<uint64_t, uint64_t>& sites, symbolizer& symbols) {
+    if (sites.empty()) return;
+    std::vector<std::pair<uint64_t, uint64_t>> sorted(sites.begin(), sites.end());
+    std::sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) {
+        return a.second != b.second ? a.second > b.second : a.first < b.first;
+    });
+    std::string line;
+    for (size_t i = 0; i < sorted.size() && i < names_shown; ++i)
+        line += (i ? ", " : "") + location_name(symbols.locate(sorted[i].first), sorted[i].first) + " " +
+                std::to_string(sorted[i].second);
+    if (sorted.size() > names_shown) line += ", and " + std::to_string(sorted.size() - names_shown) + " more";
+    std::printf("%s (%zu): %s\n", title, sorted.size(), line.c_str());
+}
+
+void print_openmp(const run_summary& run, const std::string& dir) {
     bool openmp = false;
     for (const auto& d : run.names.domains) openmp = openmp || d.second == "openmp";
     if (!openmp) return;
@@ -218,6 +246,10 @@ void print_openmp(const run_summary& run) {
                 static_cast<unsigned long long>(run.dependences_out),
                 plural(run.variables.size(), "variable", "variables").c_str(),
                 plural(by_name(run.names, begins, "omp_barrier"), "barrier", "barriers").c_str());
+    symbolizer symbols;
+    symbols.load(dir);
+    print_sites("OpenMP task sites", run.task_sites, symbols);
+    print_sites("OpenMP region sites", run.region_sites, symbols);
 }
 
 }  // namespace
@@ -262,7 +294,7 @@ int print_summary(const std::string& dir) {
     for (unsigned k = 0; k < 256; ++k)
         if (run.relations[k]) relations += (relations.empty() ? "" : ", ") + std::to_string(run.relations[k]) + " of kind " + std::to_string(k);
     if (!relations.empty()) std::printf("relations: %s\n", relations.c_str());
-    print_openmp(run);
+    print_openmp(run, dir);
     std::fflush(stdout);
     return std::ferror(stdout) ? exit_error : exit_ok;
 }
