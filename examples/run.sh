@@ -40,6 +40,23 @@ OMP_NUM_THREADS=2,2 "$ryl" run -o "$omp_dir" -- ./build/examples/omp_tasks
 "$ryl" check "$omp_dir"
 "$ryl" timeline "$omp_dir" -o "$out/trace.json"
 "$ryl" graph "$omp_dir" -o "$out/task_graph.dot" --svg
+
+# A task program as a performance engineer traces it: ryl run (mapped files,
+# the detailed OpenMP recording), then where its time goes, by source line.
+cholesky_dir=$(mktemp -d "$out/omp_cholesky.XXXXXX")
+rmdir "$cholesky_dir"
+echo
+echo "== omp_cholesky (tiled Cholesky, tasks with dependences) under ryl run, OMP_NUM_THREADS=2"
+OMP_NUM_THREADS=2 "$ryl" run -o "$cholesky_dir" -- ./build/examples/omp_cholesky 16 64 > /dev/null
+echo
+echo "== ryl profile $cholesky_dir"
+"$ryl" profile "$cholesky_dir"
+"$ryl" profile "$cholesky_dir" --json -o "$out/profile.json"
+"$ryl" timeline "$cholesky_dir" --perfetto -o "$out/cholesky.pftrace"
+rm -rf "$out/cholesky.otf2"
+"$ryl" export --otf2 "$cholesky_dir" "$out/cholesky.otf2"
 echo
 echo "timeline:   $out/trace.json  (open in https://ui.perfetto.dev or chrome://tracing)"
 echo "task graph: $out/task_graph.svg  (Graphviz source: $out/task_graph.dot)"
+echo "profile:    $out/profile.json"
+echo "Cholesky:   $out/cholesky.pftrace (Perfetto), $out/cholesky.otf2/traces.otf2 (Vampir, otf2-print)"
