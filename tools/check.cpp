@@ -3,13 +3,11 @@
 
 namespace ryl {
 
-int check_command(const std::vector<std::string>& args) {
-    if (args.size() != 1) {
-        error_line("usage: ryl check DIR");
-        return exit_usage;
-    }
+namespace {
+
+int check_directory(const std::string& dir) {
     std::vector<trace_path> files;
-    if (!list_trace_files(args[0], files)) return exit_error;
+    if (!list_trace_files(dir, files)) return exit_error;
 
     unsigned ok = 0, cut = 0, bad = 0, failed = 0;
     record rec;
@@ -55,6 +53,20 @@ int check_command(const std::vector<std::string>& args) {
     if (bad) return exit_malformed;
     if (cut) return exit_cut_short;
     return exit_ok;
+}
+
+}  // namespace
+
+// Several directories (the processes of one run) are checked one after the
+// other; the status is the worst: unreadable, then malformed, then cut short.
+int check_command(const std::vector<std::string>& args) {
+    if (args.empty()) {
+        error_line("usage: ryl check DIR...");
+        return exit_usage;
+    }
+    int worst = exit_ok;
+    for (const std::string& dir : args) worst = worse_status(worst, check_directory(dir));
+    return worst;
 }
 
 }  // namespace ryl

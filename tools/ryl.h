@@ -17,6 +17,11 @@ constexpr int exit_error = 1;       // unreadable input, unwritable output, a to
 constexpr int exit_usage = 2;       // a wrong command line
 constexpr int exit_cut_short = 3;   // check: a file ends before "</trace>"
 constexpr int exit_malformed = 4;   // check: a file breaks the trace format
+// The status of several inputs: an error wins over malformed, malformed over cut short.
+inline int worse_status(int a, int b) {
+    const auto rank = [](int s) { return s == exit_error ? 3 : s == exit_malformed ? 2 : s == exit_cut_short ? 1 : 0; };
+    return rank(b) > rank(a) ? b : a;
+}
 
 // One trace file "_ryl.N" of a run directory.
 struct trace_path {

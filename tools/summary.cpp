@@ -300,11 +300,16 @@ int print_summary(const std::string& dir) {
 }
 
 int summary_command(const std::vector<std::string>& args) {
-    if (args.size() != 1) {
-        error_line("usage: ryl summary DIR");
+    if (args.empty()) {
+        error_line("usage: ryl summary DIR...");
         return exit_usage;
     }
-    return print_summary(args[0]);
+    int worst = exit_ok;
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (i) std::printf("\n");
+        worst = worse_status(worst, print_summary(args[i]));
+    }
+    return worst;
 }
 
 }  // namespace ryl
