@@ -89,12 +89,16 @@ TEST(ryl_check, reports_each_file) {
         {"zero bytes inside", header_lines(8) + task + std::string(8, '\0') + task + finish(9), 4,
          "zero bytes inside the file from byte offset"},
     };
+    temp_dir good;  // beside a complete directory, in either order, the status is the same
+    write(good.path + "/_ryl.0", ok);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         temp_dir dir;
         write(dir.path + "/_ryl.0", c.text);
         const child_result r = ryl({"check", dir.path});
         EXPECT_EQ(c.status, r.status) << r.out << r.err;
+        EXPECT_EQ(c.status, ryl({"check", good.path, dir.path}).status);
+        EXPECT_EQ(c.status, ryl({"check", dir.path, good.path}).status);
         EXPECT_NE(std::string::npos, r.out.find(dir.path + "/_ryl.0: ")) << r.out;
         EXPECT_NE(std::string::npos, r.out.find(c.line)) << r.out;
         EXPECT_EQ("", r.err);
