@@ -16,7 +16,7 @@ const char usage[] =
     "                                       (mapped files, detailed OpenMP), then print its summary\n"
     "  ryl check DIR...                     validate every trace file of run directories\n"
     "  ryl summary DIR...                   what every thread recorded\n"
-    "  ryl profile DIR [--json]             where the time goes: task kinds, regions, work and span\n"
+    "  ryl profile DIR... [--json] [-o FILE] where the time goes: task kinds, regions, work and span\n"
     "  ryl timeline DIR [-o FILE.json]      task timelines as Chrome trace-event JSON\n"
     "  ryl graph DIR [-o FILE.dot [--svg | --png]]   the task graph in Graphviz DOT\n"
     "  ryl export --otf2 DIR... OUT           the runs as one OTF2 archive (OUT/traces.otf2)\n"

@@ -79,19 +79,16 @@ uint64_t median_upper_ns(const duration_histogram& h) {
 
 }  // namespace
 
-int profile_command(const std::vector<std::string>& args) {
-    command_line line;
-    if (!parse_command_line(args, {"--json"}, line) || line.dir.empty()) {
-        error_line("usage: ryl profile DIR [--json] [-o FILE]");
-        return exit_usage;
-    }
-    const bool json = std::find(line.flags.begin(), line.flags.end(), "--json") != line.flags.end();
+namespace {
+
+// One run directory's profile: printed to o, or added to runs as JSON.
+bool profile_directory(const std::string& dir, std::FILE* o, nlohmann::json* runs) {
     std::vector<trace_path> files;
-    if (!list_trace_files(line.dir, files)) return exit_error;
+    if (!list_trace_files(dir, files)) return false;
     analysis a;
-    if (!analyse_run(files, a)) return exit_error;
+    if (!analyse_run(files, a)) return false;
     symbolizer symbols;
-    const bool have_objects = symbols.load(line.dir);
+    const bool have_objects = symbols.load(dir);
 
     duration_histogram all_tasks;
     uint64_t task_count = 0;
@@ -114,10 +111,9 @@ int profile_command(const std::vector<std::string>& args) {
     std::stable_sort(regions.begin(), regions.end(),
                      [](const region_stats* x, const region_stats* y) { return x->total_ns > y->total_ns; });
 
-    output out;
-    if (!open_output(out, line.out)) return exit_error;
-    if (json) {
+    if (runs) {
         nlohmann::json j;
+        j["run_directory"] = dir;
         j["detailed"] = a.detailed;
         j["records"] = a.records;
         j["duration_ns"] = a.last - a.first;
@@ -172,11 +168,10 @@ int profile_command(const std::vector<std::string>& args) {
         if (costly) cost["warning"] = "median task is not much longer than the cost of recording it";
         j["tracing_cost"] = cost;
         if (!a.detailed) j["note"] = "plain OpenMP recording: the detailed mode gives more";
-        std::fprintf(out.file, "%s\n", j.dump(2).c_str());
-        return close_output(out) ? exit_ok : exit_error;
+        runs->push_back(std::move(j));
+        return true;
     }
 
-    std::FILE* o = out.file;
     std::fprintf(o, "run: %s ms, %llu records in %zu files%s\n", ms(a.last - a.first).c_str(),
                  (unsigned long long)a.records, a.threads.size(), have_objects ? "" : " (no objects file: addresses as numbers)");
     if (!a.detailed)
@@ -222,7 +217,43 @@ int profile_command(const std::vector<std::string>& args) {
     if (costly)
         std::fprintf(o, "WARNING the median task (under %s us) is not much longer than the cost of recording it\n",
                      ms(median_task * 1000).c_str());
-    return close_output(out) ? exit_ok : exit_error;
+    return true;
+}
+
+}  // namespace
+
+// Several directories (the processes of one run) are profiled one after the
+// other: a block each, headed by the directory, or a JSON array of objects.
+int profile_command(const std::vector<std::string>& args) {
+    std::vector<std::string> dirs;
+    std::string out_name = "-";
+    bool json = false, have_out = false, usage = false;
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--json") {
+            json = true;
+        } else if (args[i] == "-o" && i + 1 < args.size() && !have_out) {
+            out_name = args[++i];
+            have_out = true;
+        } else if (!args[i].empty() && args[i][0] != '-') {
+            dirs.push_back(args[i]);
+        } else {
+            usage = true;
+        }
+    }
+    if (usage || dirs.empty()) {
+        error_line("usage: ryl profile DIR... [--json] [-o FILE]");
+        return exit_usage;
+    }
+    output out;
+    if (!open_output(out, out_name)) return exit_error;
+    nlohmann::json runs = nlohmann::json::array();
+    bool ok = true;
+    for (size_t i = 0; i < dirs.size() && ok; ++i) {
+        if (!json && dirs.size() > 1) std::fprintf(out.file, "%s== %s\n", i ? "\n" : "", dirs[i].c_str());
+        ok = profile_directory(dirs[i], out.file, json ? &runs : nullptr);
+    }
+    if (ok && json) std::fprintf(out.file, "%s\n", (dirs.size() == 1 ? runs[0] : runs).dump(2).c_str());
+    return close_output(out) && ok ? exit_ok : exit_error;
 }
 
 }  // namespace ryl
