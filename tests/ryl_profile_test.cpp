@@ -113,6 +113,9 @@ TEST(ryl_profile, work_span_and_counts_of_a_chain_beside_an_independent_task) {
     EXPECT_EQ(j["critical_path"][0]["tasks"], 2);
     EXPECT_EQ(j["critical_path"][0]["ns"], 2000000);
     EXPECT_EQ(j["task_kinds"][0]["function"], "");  // no objects file: numbers only
+    const nlohmann::json two = nlohmann::json::parse(ryl({"profile", dir, dir, "--json"}).out);
+    ASSERT_EQ(two.size(), 2u);
+    EXPECT_EQ(two[1]["work_ns"], 3200000);
     const child_result human = ryl({"profile", dir});
     EXPECT_NE(human.out.find("no objects file"), std::string::npos) << human.out;
     // The summary counts tasks created, not their fragments.
