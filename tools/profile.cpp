@@ -179,24 +179,55 @@ bool profile_directory(const std::string& dir, std::FILE* o, nlohmann::json* run
                         "the detailed mode (ryl run) gives more\n");
     std::fprintf(o, "work %s ms, span %s ms, parallelism %.2f\n", ms(a.work_ns).c_str(), ms(a.span_ns).c_str(),
                  parallelism);
-    if (!kinds.empty()) {
+    // Sites with one name (a construct inlined at several places) share a row.
+    std::vector<std::pair<std::string, task_kind_stats>> kind_rows;
+    for (const auto& k : kinds) {
+        const std::string name = name_of(symbols, k.second->address);
+        auto row = std::find_if(kind_rows.begin(), kind_rows.end(), [&](const auto& r) { return r.first == name; });
+        if (row == kind_rows.end()) {
+            kind_rows.emplace_back(name, *k.second);
+            continue;
+        }
+        row->second.count += k.second->count;
+        row->second.total_ns += k.second->total_ns;
+        row->second.max_ns = std::max(row->second.max_ns, k.second->max_ns);
+    }
+    if (!kind_rows.empty()) {
         std::fprintf(o, "\n%-48s %10s %12s %10s %10s\n", "task kind", "count", "total ms", "mean us", "max us");
-        for (size_t i = 0; i < kinds.size() && i < rows_shown; ++i) {
-            const task_kind_stats& s = *kinds[i].second;
-            std::fprintf(o, "%-48s %10llu %12s %10.1f %10.1f\n", name_of(symbols, s.address).c_str(),
+        for (size_t i = 0; i < kind_rows.size() && i < rows_shown; ++i) {
+            const task_kind_stats& s = kind_rows[i].second;
+            std::fprintf(o, "%-48s %10llu %12s %10.1f %10.1f\n", kind_rows[i].first.c_str(),
                          (unsigned long long)s.count, ms(s.total_ns).c_str(),
                          s.count ? double(s.total_ns) / s.count / 1e3 : 0.0, double(s.max_ns) / 1e3);
         }
-        print_more(o, kinds.size(), rows_shown);
+        print_more(o, kind_rows.size(), rows_shown);
     }
-    if (!a.regions.empty()) {
+    std::vector<std::pair<std::string, region_stats>> region_rows;
+    for (const region_stats* r : regions) {
+        const std::string name = name_of(symbols, r->address);
+        auto row = std::find_if(region_rows.begin(), region_rows.end(), [&](const auto& x) { return x.first == name; });
+        if (row == region_rows.end()) {
+            region_rows.emplace_back(name, *r);
+            continue;
+        }
+        region_stats& m = row->second;
+        m.count += r->count;
+        m.total_ns += r->total_ns;
+        m.barrier_ns += r->barrier_ns;
+        if (m.thread_work.size() < r->thread_work.size()) m.thread_work.resize(r->thread_work.size(), 0);
+        for (size_t t = 0; t < r->thread_work.size(); ++t) m.thread_work[t] += r->thread_work[t];
+    }
+    std::stable_sort(region_rows.begin(), region_rows.end(),
+                     [](const auto& x, const auto& y) { return x.second.total_ns > y.second.total_ns; });
+    if (!region_rows.empty()) {
         std::fprintf(o, "\n%-48s %8s %12s %14s %12s\n", "parallel region", "count", "total ms", "imbalance ms",
                      "barrier ms");
-        for (size_t i = 0; i < regions.size() && i < rows_shown; ++i)
-            std::fprintf(o, "%-48s %8llu %12s %14s %12s\n", name_of(symbols, regions[i]->address).c_str(),
-                         (unsigned long long)regions[i]->count, ms(regions[i]->total_ns).c_str(),
-                         ms(regions[i]->imbalance_ns()).c_str(), ms(regions[i]->barrier_ns).c_str());
-        print_more(o, regions.size(), rows_shown);
+        for (size_t i = 0; i < region_rows.size() && i < rows_shown; ++i) {
+            const region_stats& r = region_rows[i].second;
+            std::fprintf(o, "%-48s %8llu %12s %14s %12s\n", region_rows[i].first.c_str(), (unsigned long long)r.count,
+                         ms(r.total_ns).c_str(), ms(r.imbalance_ns()).c_str(), ms(r.barrier_ns).c_str());
+        }
+        print_more(o, region_rows.size(), rows_shown);
     }
     std::fprintf(o, "\n%-10s %6s %12s %12s %12s %12s %12s\n", "file", "thread", "tasks ms", "own work ms",
                  "waiting ms", "serial ms", "idle ms");

@@ -1,6 +1,7 @@
 // ryl summary DIR: what each thread recorded, the names of the run, and for
 // OpenMP runs its regions, tasks and dependences.
 #include <algorithm>
+#include <map>
 #include <set>
 #include <unordered_map>
 
@@ -210,14 +211,14 @@ uint64_t by_name(const name_table& names, const std::unordered_map<uint64_t, uin
 // most frequent first, through the run's objects files when there are any.
 void print_sites(const char* title, const std::unordered_map<uint64_t, uint64_t>& sites, symbolizer& symbols) {
     if (sites.empty()) return;
-    std::vector<std::pair<uint64_t, uint64_t>> sorted(sites.begin(), sites.end());
-    std::sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) {
-        return a.second != b.second ? a.second > b.second : a.first < b.first;
-    });
+    // Sites with one name (a construct inlined at several places) count together.
+    std::map<std::string, uint64_t> by_name;
+    for (const auto& site : sites) by_name[location_name(symbols.locate(site.first), site.first)] += site.second;
+    std::vector<std::pair<std::string, uint64_t>> sorted(by_name.begin(), by_name.end());
+    std::stable_sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) { return a.second > b.second; });
     std::string line;
     for (size_t i = 0; i < sorted.size() && i < names_shown; ++i)
-        line += (i ? ", " : "") + location_name(symbols.locate(sorted[i].first), sorted[i].first) + " " +
-                std::to_string(sorted[i].second);
+        line += (i ? ", " : "") + sorted[i].first + " " + std::to_string(sorted[i].second);
     if (sorted.size() > names_shown) line += ", and " + std::to_string(sorted.size() - names_shown) + " more";
     std::printf("%s (%zu): %s\n", title, sorted.size(), line.c_str());
 }
