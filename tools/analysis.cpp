@@ -560,6 +560,8 @@ bool analyse_pass(const std::vector<trace_path>& files, analysis& result, interv
     for (task_node& n : s.nodes)
         if (n.kind == interval_kind::implicit_task && n.creator != no_node) n.site = s.nodes[n.creator].site;
     result.dependences = s.edges.size();
+    // The ids are not needed past the reading: their memory goes before the span's.
+    std::unordered_map<uint64_t, uint32_t>().swap(s.node_of_task);
     compute_span(s);
     early_use = s.early_use;
     return true;
