@@ -37,7 +37,7 @@ if(RYL_CLANG AND NOT CMAKE_SIZEOF_VOID_P EQUAL 4)
   add_custom_command(OUTPUT ${_shapes} ${_plugin}
     COMMAND ${RYL_CLANG} -fopenmp -fPIE -pie -O1 -g -Wall -o ${_shapes}
             ${CMAKE_CURRENT_SOURCE_DIR}/programs/omp_shapes.c -ldl
-    COMMAND ${RYL_CLANG} -shared -fPIC -g -o ${_plugin} ${CMAKE_CURRENT_SOURCE_DIR}/programs/plugin.c
+    COMMAND ${RYL_CLANG} -fopenmp -shared -fPIC -g -o ${_plugin} ${CMAKE_CURRENT_SOURCE_DIR}/programs/plugin.c
     DEPENDS programs/omp_shapes.c programs/plugin.c
     COMMENT "Building the OpenMP test programs with clang -fopenmp"
     VERBATIM)

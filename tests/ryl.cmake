@@ -16,7 +16,8 @@ if(TARGET ryl)
   endforeach()
   # The shapes run under ryl run, which preloads the library: not in sanitizer builds.
   if(TARGET omp_test_programs AND NOT RYL_SANITIZE)
-    target_compile_definitions(ryl_profile_test PRIVATE RYL_OMP_SHAPES="${CMAKE_CURRENT_BINARY_DIR}/omp_shapes")
+    target_compile_definitions(ryl_profile_test PRIVATE RYL_OMP_SHAPES="${CMAKE_CURRENT_BINARY_DIR}/omp_shapes"
+      RYL_TEST_PLUGIN="${CMAKE_CURRENT_BINARY_DIR}/libryl_test_plugin.so")
     add_dependencies(ryl_profile_test omp_test_programs)
   endif()
   if(TARGET threads_example)

@@ -167,45 +167,65 @@ TEST(ryl_profile, resolves_sites_through_the_objects_file) {
 
 #ifdef RYL_OMP_SHAPES
 // Programs of known shape (clang, PIE, -g) traced through ryl run: exact task
-// counts, creation sites named by the function that holds them (inlined or
-// not), and the chain beside independent tasks: its span is the chain, its
-// work all the tasks.
+// counts, creation sites named by the function that holds them (inlined,
+// outlined, in a shared object loaded with dlopen, without debug
+// information), a killed run, and the chain beside independent tasks: its
+// span is the chain, its work all the tasks.
 TEST(ryl_profile, programs_of_known_shape_under_ryl_run) {
+    const std::string bare = ::testing::TempDir() + "omp_shapes_without_debug_info";
+    ASSERT_EQ(run_program({"objcopy", "--strip-debug", RYL_OMP_SHAPES, bare}, {}).status, 0);
     const struct {
-        const char* shape;
-        const char* function;  // holds the task constructs
-        size_t lines;          // task constructs (a construct inlined twice has two sites)
-    } cases[] = {{"chain", "chain", 2},           {"nested", "tree", 2},          {"untied", "untied_tree", 2},
-                 {"taskgroup", "taskgroup", 2}, {"nested_parallel", "nested_parallel", 1}};
+        std::vector<std::string> program;
+        int created;             // -1: as the program prints it
+        std::set<std::string> functions;  // of the task kinds
+        size_t lines;            // task constructs (a construct inlined twice has two sites); 0: no lines
+    } cases[] = {
+        {{RYL_OMP_SHAPES, "chain", "40"}, -1, {"chain"}, 2},
+        {{RYL_OMP_SHAPES, "nested"}, 126, {"tree"}, 2},
+        {{RYL_OMP_SHAPES, "untied"}, 126, {"untied_tree"}, 2},
+        {{RYL_OMP_SHAPES, "taskgroup"}, 16, {"taskgroup"}, 2},
+        {{RYL_OMP_SHAPES, "nested_parallel"}, 4, {"nested_parallel"}, 1},
+        {{RYL_OMP_SHAPES, "dlopen", RYL_TEST_PLUGIN, "tasks"}, 130, {"tree", "ryl_test_plugin_tasks"}, 3},
+        {{RYL_OMP_SHAPES, "killed"}, 126, {"tree"}, 2},
+        {{bare, "nested"}, 126, {"tree", ".omp_outlined."}, 0},  // symbols only: the outlined body is its own
+    };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.shape);
-        const std::string dir = ::testing::TempDir() + "ryl_profile_shape_" + c.shape;
+        SCOPED_TRACE(c.program[1] + (c.program[0] == bare ? " without debug information" : ""));
+        const std::string dir = ::testing::TempDir() + "ryl_profile_shape";
         run_program({"rm", "-rf", dir}, {});
-        // The chain's tasks spin long enough (a few ms) for the runtime's own time to be small beside them.
-        const child_result run =
-            run_program({RYL_TOOL, "run", "-o", dir, "--", RYL_OMP_SHAPES, c.shape, "40"}, {{"OMP_NUM_THREADS", "2"}});
-        ASSERT_EQ(run.status, 0) << run.err;
-        const size_t at = run.out.find("created ");
-        ASSERT_NE(at, std::string::npos) << run.out;
-        const int created = std::atoi(run.out.c_str() + at + 8);
+        std::vector<std::string> args = {RYL_TOOL, "run", "-o", dir, "--"};
+        args.insert(args.end(), c.program.begin(), c.program.end());
+        const child_result run = run_program(args, {{"OMP_NUM_THREADS", "2"}});
+        int created = c.created;
+        if (created < 0) {
+            ASSERT_EQ(run.status, 0) << run.err;
+            const size_t at = run.out.find("created ");
+            ASSERT_NE(at, std::string::npos) << run.out;
+            created = std::atoi(run.out.c_str() + at + 8);
+        }
         EXPECT_NE(run.out.find(" " + std::to_string(created) + " explicit tasks"), std::string::npos) << run.out;
         const child_result r = ryl({"profile", dir, "--json"});
         ASSERT_EQ(r.status, 0) << r.err;
         const nlohmann::json j = nlohmann::json::parse(r.out);
         EXPECT_EQ(j["tasks_created"], created);
         std::set<int> lines;
+        std::set<std::string> functions;
         int counted = 0;
         uint64_t task_time = 0;
         for (const auto& k : j["task_kinds"]) {
             counted += k["count"].get<int>();
             task_time += k["total_ns"].get<uint64_t>();
-            EXPECT_EQ(k["function"], c.function) << k;
-            EXPECT_NE(k["file"].get<std::string>().find("omp_shapes.c"), std::string::npos) << k;
+            const std::string function = k["function"];
+            functions.insert(function.compare(0, 14, ".omp_outlined.") ? function : ".omp_outlined.");
+            const std::string file = k["file"];
+            const bool in_plugin = k["function"] == "ryl_test_plugin_tasks";
+            if (c.lines) EXPECT_NE(file.find(in_plugin ? "plugin.c" : "omp_shapes.c"), std::string::npos) << k;
             lines.insert(k["line"].get<int>());
         }
-        EXPECT_EQ(lines.size(), c.lines) << j["task_kinds"];
+        EXPECT_EQ(functions, c.functions) << j["task_kinds"];
+        EXPECT_EQ(lines.size(), c.lines ? c.lines : 1) << j["task_kinds"];
         EXPECT_EQ(counted, created);
-        if (std::string(c.shape) == "chain") {
+        if (c.program[1] == "chain") {
             // The chain's construct comes first in the source; its kind is
             // the one on the critical path, and the span is the chain.
             EXPECT_EQ(j["critical_path"][0]["line"], *lines.begin()) << j["critical_path"];

@@ -148,9 +148,16 @@ int main(int argc, char** argv) {
     else if (!strcmp(shape, "nested_parallel")) nested_parallel();
     else if (!strcmp(shape, "detach")) detach();
     else if (!strcmp(shape, "dlopen")) {
-        /* The second argument: a shared object to load after start-up. */
+        /* The second argument: a shared object to load after start-up; a
+         * third argument "tasks" runs tasks created in it. */
         nested();
-        if (argc < 3 || !dlopen(argv[2], RTLD_NOW)) return 2;
+        void* plugin = argc < 3 ? NULL : dlopen(argv[2], RTLD_NOW);
+        if (!plugin) return 2;
+        if (argc > 3 && !strcmp(argv[3], "tasks")) {
+            int (*tasks)(void) = (int (*)(void))dlsym(plugin, "ryl_test_plugin_tasks");
+            if (!tasks) return 2;
+            created += tasks();
+        }
     } else if (!strcmp(shape, "fork")) {
         /* A child that ends normally, running the exit handlers. */
         nested();
