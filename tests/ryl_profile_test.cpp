@@ -124,6 +124,44 @@ TEST(ryl_profile, work_span_and_counts_of_a_chain_beside_an_independent_task) {
     EXPECT_NE(ryl({"timeline", dir}).out.find("\"OpenMP thread 1 (_ryl.1)\""), std::string::npos);
 }
 
+// ryl graph of an OpenMP run: a node per task kind and region site, edges
+// named by what they are with their counts, the critical path in red, and
+// past 100 nodes the lightest kinds in one node "other".
+TEST(ryl_graph, task_kinds_named_edges_and_the_node_limit) {
+    const std::string dir = ::testing::TempDir() + "ryl_graph_kinds";
+    write_run(dir, 0x1001, 0x2001);
+    const std::string dot_file = dir + "/graph.dot";
+    ASSERT_EQ(ryl({"graph", dir, "-o", dot_file}).status, 0);
+    std::string dot;
+    std::getline(std::ifstream(dot_file), dot, '\0');
+    const std::string red = ", color=red, fontcolor=red, penwidth=2";
+    for (const std::string& part :
+         {"k0 [label=\"parallel region\\n0x2001\\n1 x, 2.200 ms\", shape=box3d, style=\"\"" + red + "];",
+          "k1 [label=\"0x1001\\n2 tasks, 2.000 ms\"" + red + "];", std::string("k2 [label=\"0x2001\\n1 task, 1.000 ms\"];"),
+          "k0 -> k1 [label=\"created 2\"" + red + "];", std::string("k0 -> k2 [label=\"created 1\"];"),
+          std::string("k1 -> k1 [label=\"depends 1\", style=dashed];")})
+        EXPECT_NE(dot.find(part), std::string::npos) << part << "\n" << dot;
+    // 150 kinds of one task each, created by the implicit task.
+    std::string many = header_lines(2) + rec("domain_createA", 1, field(1) + field(6) + field("openmp"));
+    const char* texts[] = {"omp_parallel", "omp_implicit", "omp_explicit"};
+    for (unsigned n = 0; n < 3; ++n) many += named(parallel + n, texts[n]);
+    many += begin(0, 100, 0, parallel) + begin(0, 1, 100, implicit);
+    for (unsigned long long t = 0; t < 150; ++t)
+        many += create(10 + 100 * t, 200 + t, 1, 0x1000 + t) + begin(20 + 100 * t, 200 + t, 1, explicit_task) +
+                end(30 + 100 * t + t);
+    many += end(20000) + end(20000) + finish(20000);
+    std::ofstream(dir + "/_ryl.0") << many;
+    std::remove((dir + "/_ryl.1").c_str());
+    const child_result r = ryl({"graph", dir, "-o", dot_file});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "ryl: note: 52 task kinds and region sites beyond the 99 with the most time are drawn as one "
+                     "node \"other\"\n");
+    std::getline(std::ifstream(dot_file), dot, '\0');
+    EXPECT_NE(dot.find("other [label=\"other: 52 lighter kinds\\n52 tasks and regions, "), std::string::npos) << dot;
+    EXPECT_NE(dot.find("k98 [label=\"0x10"), std::string::npos);
+    EXPECT_EQ(dot.find("k99 ["), std::string::npos);
+}
+
 // Sites in this PIE test program (with debug information), in the C library
 // (a shared library placed by address-space randomisation, symbols only), in
 // an object that is gone (object+offset) and outside every object (a number).

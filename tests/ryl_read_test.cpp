@@ -226,15 +226,23 @@ TEST(ryl_graph, clusters_nodes_ports_and_labelled_relations) {
              "n_40_1_0 -> n_32512_0_0 [label=\"7\"]",
          })
         EXPECT_NE(std::string::npos, dot.find(part)) << part << "\n" << dot;
-    // Clusters nested 200000 deep (each group under the one before) are drawn
-    // without exhausting the stack.
-    std::string deep = header_lines(8) + named("string_handle_createA", 1, "graph");
-    for (unsigned long long i = 1; i <= 200000; ++i)
-        deep += rec("task_group", 5, field(7) + id_field(i, 0, 0) + id_field(i - 1, 0, 0) + field(1));
-    write(dir.path + "/_ryl.0", deep + finish(9));
-    const child_result nested = ryl({"graph", dir.path, "-o", out});
-    ASSERT_EQ(0, nested.status) << nested.err;
-    EXPECT_NE(std::string::npos, read_file(out).find(std::string(2 * 33, ' ') + "subgraph cluster_200000_0_0 {"));
+    // Clusters nested 4000 deep (each group under the one before) are drawn
+    // without recursion; past 5000 nodes the drawing is refused in one line.
+    for (const unsigned long long depth : {4000ull, 6000ull}) {
+        std::string deep = header_lines(8) + named("string_handle_createA", 1, "graph");
+        for (unsigned long long i = 1; i <= depth; ++i)
+            deep += rec("task_group", 5, field(7) + id_field(i, 0, 0) + id_field(i - 1, 0, 0) + field(1));
+        write(dir.path + "/_ryl.0", deep + finish(9));
+        const child_result nested = ryl({"graph", dir.path, "-o", out});
+        if (depth == 4000) {
+            ASSERT_EQ(0, nested.status) << nested.err;
+            EXPECT_NE(std::string::npos, read_file(out).find(std::string(2 * 33, ' ') + "subgraph cluster_4000_0_0 {"));
+        } else {
+            EXPECT_EQ(1, nested.status);
+            EXPECT_EQ("ryl: the relation graph has 6000 nodes, more than 5000 to draw; OpenMP runs are drawn by task "
+                      "kind without --relations\n", nested.err);
+        }
+    }
     write(dir.path + "/_ryl.0", openmp_graph());
     // The picture, when Graphviz is there, also from names with any bytes.
     if (run_program({"sh", "-c", "command -v dot"}, {}).status != 0) GTEST_SKIP() << "Graphviz dot is not installed";
@@ -349,7 +357,7 @@ TEST(ryl_errors, one_line_and_an_exit_status) {
         {{"timeline", unreadable}, 1, "ryl: " + unreadable + "/_ryl.0: read error: Is a directory"},
         {{"check", unreadable}, 1, "ryl: " + unreadable + "/_ryl.0: read error: Is a directory"},
         {{"timeline", good, "-o", dir.path + "/no/dir.json"}, 1, "ryl: " + dir.path + "/no/dir.json: cannot write: No such file"},
-        {{"graph", empty, "--svg"}, 2, "ryl: usage: ryl graph DIR [-o FILE.dot [--svg | --png]]"},
+        {{"graph", empty, "--svg"}, 2, "ryl: usage: ryl graph DIR [--relations] [-o FILE.dot [--svg | --png]]"},
         {{"timeline", empty, "-x"}, 2, "ryl: usage: ryl timeline DIR [-o FILE.json | --perfetto -o FILE.pftrace]"},
         {{"run"}, 2, "ryl: usage: ryl run [-o DIR] [--stream] [--plain] -- PROGRAM [ARGS]"},
         {{"check", good + "/_ryl.0"}, 0, ""},  // one file instead of a directory

@@ -98,12 +98,16 @@ TEST(ryl_run, openmp_example_summary_timeline_and_graph) {
     }
     for (const auto& d : depth) EXPECT_EQ(0, d.second) << "thread " << d.first;
 
+    // By task kind: five task constructs, two region sites, the tasks
+    // created by the regions' implicit tasks, their dependences between kinds.
     ASSERT_EQ(0, ryl({"graph", run_dir, "-o", dir.path + "/graph.dot"}).status);
     const std::string dot = read_file(dir.path + "/graph.dot");
-    EXPECT_EQ(4u, count(dot, "subgraph cluster_")) << dot;  // the graph and three regions
-    EXPECT_EQ(7u, count(dot, "[label=\"7\"]")) << dot;
+    EXPECT_EQ(5u, count(dot, "make_tasks (omp_tasks.c:")) << dot;
+    EXPECT_EQ(2u, count(dot, "parallel region\\nmain (omp_tasks.c:")) << dot;
+    EXPECT_EQ(5u, count(dot, "[label=\"created 1\"")) << dot;
+    EXPECT_LE(3u, count(dot, "[label=\"depends 1\", style=dashed")) << dot;
     if (run_program({"sh", "-c", "command -v dot"}, {}).status != 0) GTEST_SKIP() << "Graphviz dot is not installed";
-    ASSERT_EQ(0, ryl({"graph", run_dir, "-o", dir.path + "/graph.dot", "--svg"}).status);
+    ASSERT_EQ(0, ryl({"graph", run_dir, "--relations", "-o", dir.path + "/graph.dot", "--svg"}).status);
     EXPECT_TRUE(has(read_file(dir.path + "/graph.svg"), "composite_node"));
 }
 #endif

@@ -64,6 +64,9 @@ struct state {
     uint64_t pending_since = 0;
     size_t pending_depth = 0;
     uint64_t pending_task = 0;  // id word of the waiting task
+    // Outermost regions of a file in order (previous, next id word), and the last one.
+    std::vector<std::pair<uint64_t, uint64_t>> region_order;
+    uint64_t last_region = 0;
     bool early_use = false;  // a string handle was used before the file that names it was read
     // Dependences of one creator's file: the last writer and readers since, by variable.
     std::map<id3, std::pair<uint32_t, std::vector<uint32_t>>> variables;
@@ -252,7 +255,11 @@ void on_record(state& s, thread_stats& t, std::vector<open_interval>& stack, uin
             if (w != s.node_of_task.end())
                 s.waits.push_back({w->second, s.nodes[w->second].waits, work_so_far(s, stack, w->second, rec.timestamp)});
         } else if (k == interval_kind::parallel) {
-            if (stack.empty()) t.serial_ns = 1;  // marks the thread; the time is filled in at the end
+            if (stack.empty()) {
+                t.serial_ns = 1;  // marks the thread; the time is filled in at the end
+                if (s.last_region) s.region_order.emplace_back(s.last_region, o.id.a);
+                s.last_region = o.id.a;
+            }
             const auto found = s.node_of_region.emplace(o.id.a, uint32_t(s.nodes.size()));
             if (found.second) {
                 s.nodes.emplace_back();
@@ -498,6 +505,7 @@ bool analyse_pass(const std::vector<trace_path>& files, analysis& result, interv
         stack.clear();
         s.variables.clear();
         s.pending_wait = interval_kind::other;
+        s.last_region = 0;
         uint64_t depth = 0;
         record rec;
         while (next_record(f, rec) == read_status::record) {
@@ -559,6 +567,15 @@ bool analyse_pass(const std::vector<trace_path>& files, analysis& result, interv
     }
     for (task_node& n : s.nodes)
         if (n.kind == interval_kind::implicit_task && n.creator != no_node) n.site = s.nodes[n.creator].site;
+    for (const task_node& n : s.nodes)
+        if (n.kind == interval_kind::explicit_task && n.creator != no_node)
+            ++result.created_edges[{s.nodes[n.creator].site, s.nodes[n.creator].kind != interval_kind::explicit_task,
+                                    n.site}];
+    for (const auto& e : s.edges) ++result.depends_edges[{s.nodes[e.first].site, s.nodes[e.second].site}];
+    for (const auto& r : s.region_order) {
+        const auto from = s.region_site.find(r.first), to = s.region_site.find(r.second);
+        ++result.followed_edges[{from == s.region_site.end() ? 0 : from->second, to == s.region_site.end() ? 0 : to->second}];
+    }
     result.dependences = s.edges.size();
     // The ids are not needed past the reading: their memory goes before the span's.
     std::unordered_map<uint64_t, uint32_t>().swap(s.node_of_task);

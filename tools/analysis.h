@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "ryl.h"
@@ -103,6 +104,13 @@ struct analysis {
     std::vector<thread_stats> threads;               // by trace file
     name_table names;
     std::vector<std::string> warnings;               // files cut short or malformed
+    // Between kinds (creation sites): tasks created, by (creator's site,
+    // whether the creator is a region's implicit task and the site the
+    // region's, created task's site); task-to-task dependences by (from, to).
+    std::map<std::tuple<uint64_t, bool, uint64_t>, uint64_t> created_edges;
+    std::map<std::pair<uint64_t, uint64_t>, uint64_t> depends_edges;
+    // Outermost regions one after the other on a thread, by (site, next site).
+    std::map<std::pair<uint64_t, uint64_t>, uint64_t> followed_edges;
 };
 
 // Reads the trace files of a run directory once each, in file-number order;

@@ -11,13 +11,16 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <map>
 #include <set>
 #include <tuple>
 
+#include "analysis.h"
 #include "ryl.h"
+#include "symbols.h"
 
 extern char** environ;
 
@@ -26,6 +29,9 @@ namespace ryl {
 namespace {
 
 constexpr size_t max_metadata_shown = 4;
+// The relation graph, drawn entity by entity, is refused past this many nodes:
+// dot takes minutes on a few thousand clusters and edges.
+constexpr size_t max_relation_nodes = 5000;
 constexpr int max_nesting = 64;  // parent chains are followed this far
 
 struct entity {
@@ -214,7 +220,7 @@ void draw_cluster(drawing& d, const id3& top, const std::string& indent) {
     }
 }
 
-std::string draw(const task_graph& g) {
+std::string draw(const task_graph& g, size_t& drawn) {
     drawing d{g, {}, {}, {}, {}, {}, {}, {}};
     // What is drawn: the clusters with everything placed under them, every
     // end of a relation, and the parents that place drawn entities.
@@ -237,6 +243,8 @@ std::string draw(const task_graph& g) {
             (cluster ? d.subclusters : d.members)[h->second].push_back(id);
     }
 
+    drawn = d.drawn.size();
+    if (drawn > max_relation_nodes) return std::string();
     d.out = "digraph trace {\n  compound=true;\n  node [fontname=\"Helvetica\", fontsize=10];\n"
             "  edge [fontname=\"Helvetica\", fontsize=9];\n";
     for (const id3& c : d.top_clusters) draw_cluster(d, c, "  ");
@@ -261,6 +269,106 @@ std::string draw(const task_graph& g) {
         d.out += "  " + node_id(head) + " -> " + node_id(tail) + " [" + attrs + "];\n";
     }
     return d.out + "}\n";
+}
+
+// OpenMP runs: one node per task kind (creation site) and per parallel-region
+// site, labelled with the source name, count and exclusive time; edges
+// between them named by what they are, with their counts; the critical path
+// in red. Past max_kind_nodes the lightest kinds share one node "other".
+constexpr size_t max_kind_nodes = 100;
+
+std::string ms_text(uint64_t ns) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.3f ms", double(ns) / 1e6);
+    return text;
+}
+
+std::string draw_kinds(const analysis& a, symbolizer& symbols, size_t& summarised) {
+    struct kind_node {
+        bool region;
+        uint64_t site, count, ns;
+    };
+    std::vector<kind_node> nodes;
+    for (const auto& k : a.task_kinds) nodes.push_back({false, k.first, k.second.count, k.second.total_ns});
+    for (const auto& r : a.regions) nodes.push_back({true, r.first, r.second.count, r.second.total_ns});
+    std::stable_sort(nodes.begin(), nodes.end(), [](const kind_node& x, const kind_node& y) { return x.ns > y.ns; });
+    summarised = nodes.size() > max_kind_nodes ? nodes.size() - (max_kind_nodes - 1) : 0;
+    const size_t shown = summarised ? max_kind_nodes - 1 : nodes.size();
+    // Node of a site: task kinds first (a creator that is an explicit task),
+    // then regions (a creator that is an implicit task); "other" past the limit.
+    std::map<uint64_t, std::string> task_node, region_node;
+    for (size_t i = 0; i < nodes.size(); ++i)
+        (nodes[i].region ? region_node : task_node)[nodes[i].site] = i < shown ? "k" + std::to_string(i) : "other";
+    auto node_of = [&](uint64_t site) {
+        const auto t = task_node.find(site);
+        if (t != task_node.end()) return t->second;
+        const auto r = region_node.find(site);
+        return r != region_node.end() ? r->second : std::string("other");
+    };
+    auto name = [&](uint64_t site) { return site ? location_name(symbols.locate(site), site) : "(unknown)"; };
+    // The critical path: its kinds and the steps between them.
+    std::set<std::string> on_path;
+    std::set<std::pair<std::string, std::string>> path_edges;
+    for (size_t i = 0; i < a.critical_path.size(); ++i) {
+        const path_step& p = a.critical_path[i];
+        const std::string n = p.kind == interval_kind::explicit_task ? node_of(p.site)
+                              : region_node.count(p.site)          ? region_node[p.site]
+                                                                   : node_of(p.site);
+        on_path.insert(n);
+        if (i) {
+            const path_step& q = a.critical_path[i - 1];
+            const std::string m = q.kind == interval_kind::explicit_task ? node_of(q.site)
+                                  : region_node.count(q.site)          ? region_node[q.site]
+                                                                       : node_of(q.site);
+            if (m != n) path_edges.emplace(m, n);
+        }
+    }
+    const std::string red = ", color=red, fontcolor=red, penwidth=2";
+    std::string out = "digraph tasks {\n  node [shape=box, style=rounded, fontname=\"Helvetica\", fontsize=10];\n"
+                      "  edge [fontname=\"Helvetica\", fontsize=9];\n";
+    uint64_t other_count = 0, other_ns = 0;
+    for (size_t i = 0; i < nodes.size(); ++i) {
+        const kind_node& k = nodes[i];
+        if (i >= shown) {
+            other_count += k.count, other_ns += k.ns;
+            continue;
+        }
+        const std::string id = "k" + std::to_string(i);
+        const std::string label = (k.region ? "parallel region\n" : "") + name(k.site) + "\n" +
+                                  std::to_string(k.count) + (k.region ? " x, " : (k.count == 1 ? " task, " : " tasks, ")) +
+                                  ms_text(k.ns);
+        out += "  " + id + " [label=" + dot_string(label) + (k.region ? ", shape=box3d, style=\"\"" : "") +
+               (on_path.count(id) ? red : "") + "];\n";
+    }
+    if (summarised)
+        out += "  other [label=" +
+               dot_string("other: " + std::to_string(summarised) + " lighter kinds\n" + std::to_string(other_count) +
+                          " tasks and regions, " + ms_text(other_ns)) +
+               ", style=dashed" + (on_path.count("other") ? red : "") + "];\n";
+    // Edges between nodes, counts added up where kinds share a node.
+    std::map<std::pair<std::string, std::string>, uint64_t> created, depends;
+    auto region_of = [&](uint64_t site) {
+        const auto r = region_node.find(site);
+        return r != region_node.end() ? r->second : std::string("other");
+    };
+    for (const auto& e : a.created_edges) {
+        const std::string from = std::get<1>(e.first) ? region_of(std::get<0>(e.first)) : node_of(std::get<0>(e.first));
+        created[{from, node_of(std::get<2>(e.first))}] += e.second;
+    }
+    for (const auto& e : a.depends_edges) depends[{node_of(e.first.first), node_of(e.first.second)}] += e.second;
+    for (const auto& e : created)
+        out += "  " + e.first.first + " -> " + e.first.second + " [label=\"created " + std::to_string(e.second) + "\"" +
+               (path_edges.count(e.first) ? red : "") + "];\n";
+    for (const auto& e : depends)
+        out += "  " + e.first.first + " -> " + e.first.second + " [label=\"depends " + std::to_string(e.second) +
+               "\", style=dashed" + (path_edges.count(e.first) ? red : "") + "];\n";
+    // Regions in program order: the serial code between them.
+    std::map<std::pair<std::string, std::string>, uint64_t> then;
+    for (const auto& e : a.followed_edges) then[{region_of(e.first.first), region_of(e.first.second)}] += e.second;
+    for (const auto& e : then)
+        out += "  " + e.first.first + " -> " + e.first.second + " [label=\"then " + std::to_string(e.second) +
+               "\", style=dotted" + (path_edges.count(e.first) ? red : "") + "];\n";
+    return out + "}\n";
 }
 
 // Runs Graphviz's dot on the DOT file; the exit status of ryl.
@@ -289,29 +397,50 @@ int render(const std::string& dot_file, const std::string& format, const std::st
 
 int graph_command(const std::vector<std::string>& args) {
     command_line cl;
-    const bool parsed = parse_command_line(args, {"--svg", "--png"}, cl);
-    if (!parsed || cl.flags.size() > 1 || (!cl.flags.empty() && cl.out == "-")) {
-        error_line("usage: ryl graph DIR [-o FILE.dot [--svg | --png]]");
+    const bool parsed = parse_command_line(args, {"--svg", "--png", "--relations"}, cl);
+    const bool relations = std::find(cl.flags.begin(), cl.flags.end(), "--relations") != cl.flags.end();
+    const size_t pictures = cl.flags.size() - (relations ? 1 : 0);
+    if (!parsed || pictures > 1 || (pictures && cl.out == "-")) {
+        error_line("usage: ryl graph DIR [--relations] [-o FILE.dot [--svg | --png]]");
         return exit_usage;
     }
     std::vector<trace_path> files;
     if (!list_trace_files(cl.dir, files)) return exit_error;
-    task_graph g;
-    record rec;
-    for (const trace_path& p : files) {
-        trace_file f;
-        if (!open_for_reading(f, p)) return exit_error;
-        while (next_record(f, rec) == read_status::record) on_record(g, rec);
-        if (!done_reading(f, p, true)) return exit_error;
+    std::string text;
+    analysis a;
+    if (!relations && !analyse_run(files, a)) return exit_error;
+    if (!relations && a.openmp && (!a.task_kinds.empty() || !a.regions.empty())) {
+        symbolizer symbols;
+        symbols.load(cl.dir);
+        size_t summarised = 0;
+        text = draw_kinds(a, symbols, summarised);
+        if (summarised)
+            error_line("note: " + std::to_string(summarised) + " task kinds and region sites beyond the " +
+                       std::to_string(max_kind_nodes - 1) + " with the most time are drawn as one node \"other\"");
+    } else {
+        task_graph g;
+        record rec;
+        for (const trace_path& p : files) {
+            trace_file f;
+            if (!open_for_reading(f, p)) return exit_error;
+            while (next_record(f, rec) == read_status::record) on_record(g, rec);
+            if (!done_reading(f, p, true)) return exit_error;
+        }
+        size_t drawn = 0;
+        text = draw(g, drawn);
+        if (drawn > max_relation_nodes) {
+            error_line("the relation graph has " + std::to_string(drawn) + " nodes, more than " +
+                       std::to_string(max_relation_nodes) + " to draw; OpenMP runs are drawn by task kind without --relations");
+            return exit_error;
+        }
     }
     output out;
     if (!open_output(out, cl.out)) return exit_error;
-    const std::string text = draw(g);
     std::fwrite(text.data(), 1, text.size(), out.file);
     if (!close_output(out)) return exit_error;
-    if (cl.flags.empty()) return exit_ok;
+    if (!pictures) return exit_ok;
 
-    const std::string format = cl.flags[0].substr(2);
+    const std::string format = (cl.flags[0] == "--relations" ? cl.flags[1] : cl.flags[0]).substr(2);
     std::string picture = cl.out;
     const size_t dot = picture.rfind(".dot");
     if (dot != std::string::npos && dot + 4 == picture.size()) picture.erase(dot);
