@@ -123,7 +123,8 @@ TEST(ryl_export, otf2_round_trips) {
         {{RYL_THREADS_EXAMPLE}, {{"work", 3}, {"step", 9}}, 0},
 #endif
 #ifdef RYL_OMP_EXAMPLE
-        {{RYL_OMP_EXAMPLE}, {{"omp_parallel", 3}, {"omp_implicit", 6}}, 0},
+        // Regions by source: 3 parallel regions and 6 implicit tasks in main, 5 tasks in make_tasks.
+        {{RYL_OMP_EXAMPLE}, {{"main", 9}, {"make_tasks", 5}}, 0},
 #endif
         {{"sh", "-c", "kill -9 $$"}, {}, 137},
     };
@@ -140,6 +141,14 @@ TEST(ryl_export, otf2_round_trips) {
         EXPECT_EQ(0, s.depth_errors);
         for (const auto& n : r.enters) EXPECT_EQ(n.second, s.enters.at(n.first)) << n.first;
         if (r.enters.empty()) EXPECT_TRUE(s.enters.empty());
+        if (r.enters.count("make_tasks")) {
+            const std::string defs =
+                run_program({"otf2-print", "-G", dir.path + "/otf2/traces.otf2"}, {}).out;
+            EXPECT_NE(defs.find("Name: \"make_tasks\" <"), std::string::npos) << defs;
+            EXPECT_NE(defs.find("(Aka. \"omp_explicit\" <"), std::string::npos) << defs;
+            EXPECT_NE(defs.find("Role: TASK, Paradigm: OPENMP, Flags: NONE, File: \"omp_tasks.c\""), std::string::npos);
+            EXPECT_NE(defs.find("Role: PARALLEL, Paradigm: OPENMP"), std::string::npos);
+        }
         ASSERT_EQ(0, ryl({"timeline", dir.path + "/run", "--perfetto", "-o", dir.path + "/t.pftrace"}).status);
         const perfetto_summary p = read_perfetto(dir.path + "/t.pftrace");
         EXPECT_EQ(s.enters, p.begins);

@@ -97,6 +97,21 @@ TEST(ryl_run, openmp_example_summary_timeline_and_graph) {
         if (ph == "B" || ph == "E") EXPECT_GE(depth[e.at("tid").get<int>()] += ph == "B" ? 1 : -1, 0);
     }
     for (const auto& d : depth) EXPECT_EQ(0, d.second) << "thread " << d.first;
+    // Slices named by their source, dependences as arrows: each arrow starts
+    // once and ends once, on a task named by its construct.
+    std::map<std::string, int> names, arrows;
+    for (const auto& e : trace.at("traceEvents")) {
+        const std::string ph = e.at("ph");
+        if (ph == "B") names[e.at("name")]++;
+        if (ph == "B" && e.at("name") == "make_tasks")
+            EXPECT_EQ(0u, e.at("args").at("source").get<std::string>().find("omp_tasks.c:")) << e;
+        if (ph == "s" || ph == "f") arrows[ph + std::to_string(e.at("id").get<int>())]++;
+    }
+    EXPECT_EQ(5, names["make_tasks"]);
+    EXPECT_EQ(9, names["main"]);
+    EXPECT_LE(6u, arrows.size());
+    for (const auto& a : arrows) EXPECT_EQ(1, a.second) << a.first;
+    for (const auto& a : arrows) EXPECT_EQ(1u, arrows.count((a.first[0] == 's' ? "f" : "s") + a.first.substr(1))) << a.first;
 
     // By task kind: five task constructs, two region sites, the tasks
     // created by the regions' implicit tasks, their dependences between kinds.

@@ -577,6 +577,16 @@ bool analyse_pass(const std::vector<trace_path>& files, analysis& result, interv
         ++result.followed_edges[{from == s.region_site.end() ? 0 : from->second, to == s.region_site.end() ? 0 : to->second}];
     }
     result.dependences = s.edges.size();
+    if (result.keep_ids) {
+        std::vector<uint64_t> id_of(s.nodes.size(), 0);
+        for (const auto& t : s.node_of_task) {
+            id_of[t.second] = t.first;
+            if (s.nodes[t.second].kind == interval_kind::explicit_task && s.nodes[t.second].site)
+                result.task_site.emplace(t.first, s.nodes[t.second].site);
+        }
+        for (const auto& e : s.edges) result.dependence_ids.emplace_back(id_of[e.first], id_of[e.second]);
+        result.region_site = s.region_site;
+    }
     // The ids are not needed past the reading: their memory goes before the span's.
     std::unordered_map<uint64_t, uint32_t>().swap(s.node_of_task);
     compute_span(s);
@@ -593,7 +603,9 @@ bool analyse_run(const std::vector<trace_path>& files, analysis& result, interva
     bool early_use = false;
     if (!analyse_pass(files, result, visitor, false, early_use)) return false;
     if (!early_use || visitor) return true;
+    const bool keep_ids = result.keep_ids;
     result = analysis();
+    result.keep_ids = keep_ids;
     return analyse_pass(files, result, nullptr, true, early_use);
 }
 

@@ -9,6 +9,7 @@
 #include <map>
 #include <string>
 #include <tuple>
+#include <unordered_map>
 #include <vector>
 
 #include "ryl.h"
@@ -109,6 +110,12 @@ struct analysis {
     // region's, created task's site); task-to-task dependences by (from, to).
     std::map<std::tuple<uint64_t, bool, uint64_t>, uint64_t> created_edges;
     std::map<std::pair<uint64_t, uint64_t>, uint64_t> depends_edges;
+    // Kept only when keep_ids is set before analyse_run (the timelines name
+    // each task): the site of every explicit task and region by the first
+    // word of its id, and the dependences as (task, successor) id words.
+    bool keep_ids = false;
+    std::unordered_map<uint64_t, uint64_t> task_site, region_site;
+    std::vector<std::pair<uint64_t, uint64_t>> dependence_ids;
     // Outermost regions one after the other on a thread, by (site, next site).
     std::map<std::pair<uint64_t, uint64_t>, uint64_t> followed_edges;
 };

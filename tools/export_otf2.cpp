@@ -18,10 +18,12 @@
 #include <algorithm>
 #include <cstdint>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 
 #include "ryl.h"
+#include "task_names.h"
 
 namespace ryl {
 
@@ -35,9 +37,15 @@ const OTF2_FlushCallbacks flush_callbacks = {pre_flush, post_flush};
 struct definitions {
     std::vector<std::string> strings;
     std::map<std::string, OTF2_StringRef> string_refs;
-    std::vector<OTF2_StringRef> region_names;              // by region ref
-    std::map<uint64_t, OTF2_RegionRef> region_of_handle;   // task name handle -> region, this directory
-    std::map<OTF2_StringRef, OTF2_RegionRef> region_of_name;
+    struct region {
+        OTF2_StringRef name, canonical, file;
+        uint32_t line;
+        OTF2_RegionRole role;
+        OTF2_Paradigm paradigm;
+    };
+    std::vector<region> regions;  // by region ref
+    // A region per recorded task name and source: (recorded name, site).
+    std::map<std::pair<std::string, uint64_t>, OTF2_RegionRef> region_of;
     struct location {
         std::string name;
         uint64_t events = 0;
@@ -53,20 +61,42 @@ OTF2_StringRef string_ref(definitions& d, const std::string& text) {
     return it.first->second;
 }
 
-OTF2_RegionRef region_ref(definitions& d, const name_table& names, uint64_t handle) {
-    const auto known = d.region_of_handle.find(handle);
-    if (known != d.region_of_handle.end()) return known->second;
-    const OTF2_StringRef name = string_ref(d, string_name(names, handle));
-    const auto it = d.region_of_name.emplace(name, OTF2_RegionRef(d.region_names.size()));
-    if (it.second) d.region_names.push_back(name);
-    return d.region_of_handle[handle] = it.first->second;
+// OpenMP task names give the region's role and paradigm (implicit and
+// explicit tasks are both tasks).
+OTF2_RegionRole role_of(const std::string& recorded) {
+    if (recorded == "omp_explicit") return OTF2_REGION_ROLE_TASK;
+    if (recorded == "omp_parallel") return OTF2_REGION_ROLE_PARALLEL;
+    if (recorded == "omp_barrier") return OTF2_REGION_ROLE_BARRIER;
+    if (recorded == "omp_taskwait" || recorded == "omp_taskgroup") return OTF2_REGION_ROLE_TASK_WAIT;
+    return OTF2_REGION_ROLE_TASK;
+}
+
+OTF2_RegionRef region_ref(definitions& d, const std::string& recorded, const source_name* source) {
+    const uint64_t site = source ? std::strtoull(source->address.c_str(), nullptr, 16) : 0;
+    const auto known = d.region_of.find({recorded, site});
+    if (known != d.region_of.end()) return known->second;
+    definitions::region r;
+    r.name = string_ref(d, source ? source->function : recorded);
+    r.canonical = string_ref(d, recorded);
+    std::string file;
+    r.line = 0;
+    if (source && !source->source.empty()) {
+        const size_t colon = source->source.rfind(':');
+        file = source->source.substr(0, colon);
+        r.line = uint32_t(std::strtoul(source->source.c_str() + colon + 1, nullptr, 10));
+    }
+    r.file = string_ref(d, file);
+    r.role = role_of(recorded);
+    r.paradigm = recorded.compare(0, 4, "omp_") == 0 ? OTF2_PARADIGM_OPENMP : OTF2_PARADIGM_USER;
+    d.regions.push_back(r);
+    return d.region_of[{recorded, site}] = OTF2_RegionRef(d.regions.size() - 1);
 }
 
 constexpr OTF2_AttributeRef attribute_id = 0, attribute_parent = 1;
 
 // Reads one file into the event writer of its location.
-bool export_file(OTF2_Archive* archive, definitions& d, const name_table& names, const trace_path& p,
-                 uint64_t origin, uint64_t& last_overall) {
+bool export_file(OTF2_Archive* archive, definitions& d, const name_table& names, task_namer* namer,
+                 const trace_path& p, uint64_t origin, uint64_t& last_overall) {
     trace_file f;
     if (!open_for_reading(f, p)) return false;
     const OTF2_LocationRef location = d.locations.size();
@@ -79,7 +109,9 @@ bool export_file(OTF2_Archive* archive, definitions& d, const name_table& names,
     while (next_record(f, rec) == read_status::record) {
         last = std::max(last, rec.timestamp);
         if (rec.kind == kind_task_begin) {
-            const OTF2_RegionRef region = region_ref(d, names, rec.fields[3].number);
+            const std::string& recorded = string_name(names, rec.fields[3].number);
+            const OTF2_RegionRef region = region_ref(
+                d, recorded, namer ? source_of(*namer, recorded, rec.fields[1].id, rec.fields[2].id) : nullptr);
             OTF2_AttributeValue v;
             v.uint64 = rec.fields[1].id.a;
             OTF2_AttributeList_AddAttribute(attributes, attribute_id, OTF2_TYPE_UINT64, v);
@@ -123,9 +155,11 @@ void write_definitions(OTF2_Archive* archive, definitions& d, uint64_t origin, u
     for (size_t s = 0; s < d.strings.size(); ++s) OTF2_GlobalDefWriter_WriteString(g, s, d.strings[s].c_str());
     OTF2_GlobalDefWriter_WriteAttribute(g, attribute_id, id_name, id_text, OTF2_TYPE_UINT64);
     OTF2_GlobalDefWriter_WriteAttribute(g, attribute_parent, parent_name, parent_text, OTF2_TYPE_UINT64);
-    for (size_t r = 0; r < d.region_names.size(); ++r)
-        OTF2_GlobalDefWriter_WriteRegion(g, r, d.region_names[r], d.region_names[r], empty, OTF2_REGION_ROLE_TASK,
-                                         OTF2_PARADIGM_USER, OTF2_REGION_FLAG_NONE, empty, 0, 0);
+    for (size_t r = 0; r < d.regions.size(); ++r) {
+        const definitions::region& x = d.regions[r];
+        OTF2_GlobalDefWriter_WriteRegion(g, r, x.name, x.canonical, empty, x.role, x.paradigm, OTF2_REGION_FLAG_NONE,
+                                         x.file, x.line, x.line);
+    }
     OTF2_GlobalDefWriter_WriteSystemTreeNode(g, 0, machine, node, OTF2_UNDEFINED_SYSTEM_TREE_NODE);
     for (size_t p = 0; p < d.processes.size(); ++p)
         OTF2_GlobalDefWriter_WriteLocationGroup(g, p, process_names[p], OTF2_LOCATION_GROUP_TYPE_PROCESS, 0,
@@ -175,9 +209,13 @@ int export_command(const std::vector<std::string>& args) {
     bool ok = true;
     for (size_t i = 0; i < dirs.size() && ok; ++i) {
         d.processes.push_back(dirs[i]);
-        d.region_of_handle.clear();  // handles are numbers of one process
+        // OpenMP runs: regions named by source, one more pass over the directory.
+        task_namer namer;
+        bool openmp = false;
+        for (const auto& dom : names[i].domains) openmp = openmp || dom.second == "openmp";
+        if (openmp && !(ok = load_task_names(namer, dirs[i], files[i]))) break;
         for (const trace_path& p : files[i])
-            if (!(ok = export_file(archive, d, names[i], p, origin, last))) break;
+            if (!(ok = export_file(archive, d, names[i], openmp ? &namer : nullptr, p, origin, last))) break;
     }
     OTF2_Archive_CloseEvtFiles(archive);
     write_definitions(archive, d, origin, last);

@@ -28,7 +28,7 @@ struct writer {
     output out;
     std::string bytes;
     bool first = true;
-    std::unordered_map<uint64_t, uint64_t> iid_of_handle;  // task name handle -> interned iid
+    std::unordered_map<std::string, uint64_t> iid_of_name;  // slice name -> interned iid
     perfetto::TracePacket event;  // reused: no allocation per event
     std::string body;
 };
@@ -49,7 +49,9 @@ void emit(writer& w, perfetto::TracePacket& packet) {
     std::fwrite(w.bytes.data(), 1, w.bytes.size(), w.out.file);
 }
 
-void slice(writer& w, uint64_t track, uint64_t ts, bool begin, uint64_t name_handle, const name_table& names) {
+// A slice begin (with its name and the flows it starts and ends) or end.
+void slice(writer& w, uint64_t track, uint64_t ts, bool begin, const std::string& name = std::string(),
+           const std::vector<uint64_t>* flows_out = nullptr, const std::vector<uint64_t>* flows_in = nullptr) {
     perfetto::TracePacket& packet = w.event;
     packet.Clear();
     packet.set_timestamp(ts);
@@ -57,22 +59,36 @@ void slice(writer& w, uint64_t track, uint64_t ts, bool begin, uint64_t name_han
     e->set_track_uuid(track);
     e->set_type(begin ? perfetto::TrackEvent::TYPE_SLICE_BEGIN : perfetto::TrackEvent::TYPE_SLICE_END);
     if (begin) {
-        const auto it = w.iid_of_handle.emplace(name_handle, w.iid_of_handle.size() + 1);
+        const auto it = w.iid_of_name.emplace(name, w.iid_of_name.size() + 1);
         if (it.second) {
             perfetto::EventName* n = packet.mutable_interned_data()->add_event_names();
             n->set_iid(it.first->second);
-            n->set_name(valid_utf8(string_name(names, name_handle)));
+            n->set_name(valid_utf8(name));
         }
         e->set_name_iid(it.first->second);
+        if (flows_out)
+            for (uint64_t f : *flows_out) e->add_flow_ids(f);
+        if (flows_in)
+            for (uint64_t f : *flows_in) e->add_terminating_flow_ids(f);
     }
     packet.set_sequence_flags(needs_incremental_state);
     emit(w, packet);
 }
 
+// The flows of a task's first begin, each once.
+const std::vector<uint64_t>* take(std::unordered_map<uint64_t, std::vector<uint64_t>>& table, uint64_t task,
+                                  std::vector<uint64_t>& into) {
+    const auto it = table.find(task);
+    if (it == table.end()) return nullptr;
+    into.swap(it->second);
+    table.erase(it);
+    return &into;
+}
+
 }  // namespace
 
 int write_perfetto_timeline(const std::string& dir, const std::vector<trace_path>& files, const name_table& names,
-                            uint64_t origin, const std::string& out) {
+                            uint64_t origin, const std::string& out, task_namer* namer) {
     writer w;
     if (!open_output(w.out, out)) return exit_error;
     {
@@ -85,6 +101,7 @@ int write_perfetto_timeline(const std::string& dir, const std::vector<trace_path
     }
     bool ok = true;
     record rec;
+    std::vector<uint64_t> flows_out, flows_in;
     for (const trace_path& p : files) {
         trace_file f;
         if (!(ok = open_for_reading(f, p))) break;
@@ -101,14 +118,21 @@ int write_perfetto_timeline(const std::string& dir, const std::vector<trace_path
         while (next_record(f, rec) == read_status::record) {
             last = std::max(last, rec.timestamp);
             if (rec.kind == kind_task_begin) {
-                slice(w, track, last, true, rec.fields[3].number, names);
+                const std::string& recorded = string_name(names, rec.fields[3].number);
+                const source_name* source = namer ? source_of(*namer, recorded, rec.fields[1].id, rec.fields[2].id) : nullptr;
+                const std::vector<uint64_t>*out_flows = nullptr, *in_flows = nullptr;
+                if (namer && recorded == "omp_explicit") {
+                    out_flows = take(namer->arrows_out, rec.fields[1].id.a, flows_out);
+                    in_flows = take(namer->arrows_in, rec.fields[1].id.a, flows_in);
+                }
+                slice(w, track, last, true, source ? source->function : recorded, out_flows, in_flows);
                 ++depth;
             } else if (rec.kind == kind_task_end && depth) {
-                slice(w, track, last, false, 0, names);
+                slice(w, track, last, false);
                 --depth;
             }
         }
-        for (; depth; --depth) slice(w, track, last, false, 0, names);
+        for (; depth; --depth) slice(w, track, last, false);
         if (!(ok = done_reading(f, p, true))) break;
     }
     if (!close_output(w.out)) return exit_error;

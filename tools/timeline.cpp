@@ -17,6 +17,7 @@
 
 #include "perfetto.h"
 #include "ryl.h"
+#include "task_names.h"
 
 namespace ryl {
 
@@ -27,6 +28,7 @@ using json = nlohmann::json;
 struct timeline {
     output out;
     const name_table* names = nullptr;
+    task_namer* namer = nullptr;  // OpenMP runs: slices named by their source
     uint64_t origin = 0;
     bool first_event = true;
 };
@@ -61,6 +63,25 @@ json event(const timeline& t, const thread_state& th, const char* phase, uint64_
     return json{{"ph", phase}, {"pid", 1}, {"tid", th.tid}, {"ts", micros(t, ts)}};
 }
 
+// Dependence arrows at a task's first begin: those leaving it start there,
+// those entering it end there (bound to the enclosing slice); each once.
+void arrows(timeline& t, thread_state& th, uint64_t task) {
+    for (auto* table : {&t.namer->arrows_out, &t.namer->arrows_in}) {
+        const auto it = table->find(task);
+        if (it == table->end()) continue;
+        const bool out = table == &t.namer->arrows_out;
+        for (uint64_t arrow : it->second) {
+            json e = event(t, th, out ? "s" : "f", th.last);
+            e["name"] = "depends";
+            e["cat"] = "dependence";
+            e["id"] = arrow;
+            if (!out) e["bp"] = "e";
+            emit(t, e);
+        }
+        table->erase(it);
+    }
+}
+
 void close_all(timeline& t, thread_state& th, uint64_t ts) {
     for (; th.depth; --th.depth) emit(t, event(t, th, "E", ts));
     for (const auto& a : th.async) {
@@ -79,11 +100,20 @@ void on_record(timeline& t, thread_state& th, const record& rec) {
     case kind_task_begin: {
         ++th.depth;
         json e = event(t, th, "B", th.last);
-        e["name"] = string_name(*t.names, rec.fields[3].number);
+        const std::string& recorded = string_name(*t.names, rec.fields[3].number);
+        e["name"] = recorded;
         e["cat"] = domain_name(*t.names, rec.fields[0].number);
         e["args"] = {{"id", id_text(rec.fields[1].id)}, {"parent", id_text(rec.fields[2].id)},
                      {"cpu", static_cast<int64_t>(rec.fields[4].number)}};
+        const source_name* source = t.namer ? source_of(*t.namer, recorded, rec.fields[1].id, rec.fields[2].id) : nullptr;
+        if (source) {
+            e["name"] = source->function;
+            e["args"]["kind"] = recorded;
+            e["args"]["address"] = source->address;
+            if (!source->source.empty()) e["args"]["source"] = source->source;
+        }
         emit(t, e);
+        if (t.namer && recorded == "omp_explicit") arrows(t, th, rec.fields[1].id.a);
         break;
     }
     case kind_task_end:
@@ -160,7 +190,15 @@ int timeline_command(const std::vector<std::string>& args) {
     timeline t;
     t.names = &names;
     if (!collect_names(files, names, t.origin)) return exit_error;
-    if (!cl.flags.empty()) return write_perfetto_timeline(dir, files, names, t.origin, cl.out);
+    // OpenMP runs: one more pass first, for the sites and dependences.
+    task_namer namer;
+    bool openmp = false;
+    for (const auto& d : names.domains) openmp = openmp || d.second == "openmp";
+    if (openmp) {
+        if (!load_task_names(namer, dir, files)) return exit_error;
+        t.namer = &namer;
+    }
+    if (!cl.flags.empty()) return write_perfetto_timeline(dir, files, names, t.origin, cl.out, t.namer);
     warn_when_too_large(files);
     if (!open_output(t.out, cl.out)) return exit_error;
 
