@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <set>
 #include <sstream>
 
 #include "child.h"
@@ -55,7 +56,7 @@ TEST(ryl_export, run_default_modes) {
 // Slices of a Perfetto timeline by interned name; ordering and nesting per track.
 struct perfetto_summary {
     std::map<std::string, int> begins;
-    int ends = 0, threads = 0;
+    int ends = 0, threads = 0, flows = 0;
     bool ordered = true, nested = true;
 };
 
@@ -71,6 +72,7 @@ perfetto_summary read_perfetto(const std::string& path) {
         s.threads += p.track_descriptor().has_thread();
         if (!p.has_track_event()) continue;
         const auto& e = p.track_event();
+        s.flows += e.terminating_flow_ids_size();
         const bool begin = e.type() == ryl::perfetto::TrackEvent::TYPE_SLICE_BEGIN;
         begin ? void(s.begins[names.at(e.name_iid())]++) : void(s.ends++);
         s.ordered = s.ordered && p.timestamp() >= last[e.track_uuid()];
@@ -84,6 +86,8 @@ struct otf2_summary {
     std::map<std::string, int> enters, leaves;  // by region name
     bool ordered = true;                        // timestamps never go back on a location
     int depth_errors = 0;                       // leaves without an enter on their location
+    std::set<std::string> ids;                  // "id" attributes of the enters
+    std::vector<std::string> depends_on;        // the ids each "depends_on" attribute names
 };
 
 // Reads otf2-print's event listing of an archive.
@@ -96,6 +100,15 @@ otf2_summary read_archive(const std::string& archive) {
     std::istringstream in(r.out);
     std::string line;
     while (std::getline(in, line)) {
+        const std::string id_tag = "(\"id\" <0>; UINT64; ", deps_tag = "(\"depends_on\" <2>; STRING; \"";
+        const size_t ids = line.find(id_tag), deps = line.find(deps_tag);
+        if (ids != std::string::npos)
+            s.ids.insert(line.substr(ids + id_tag.size(), line.find(')', ids) - ids - id_tag.size()));
+        if (deps != std::string::npos) {
+            const size_t from = deps + deps_tag.size();
+            std::istringstream list(line.substr(from, line.find('"', from) - from));
+            for (std::string id; list >> id;) s.depends_on.push_back(id);
+        }
         std::istringstream words(line);
         std::string event;
         unsigned long location = 0;
@@ -141,6 +154,7 @@ TEST(ryl_export, otf2_round_trips) {
         EXPECT_EQ(0, s.depth_errors);
         for (const auto& n : r.enters) EXPECT_EQ(n.second, s.enters.at(n.first)) << n.first;
         if (r.enters.empty()) EXPECT_TRUE(s.enters.empty());
+        for (const std::string& id : s.depends_on) EXPECT_EQ(1u, s.ids.count(id)) << id;
         if (r.enters.count("make_tasks")) {
             const std::string defs =
                 run_program({"otf2-print", "-G", dir.path + "/otf2/traces.otf2"}, {}).out;
@@ -156,6 +170,9 @@ TEST(ryl_export, otf2_round_trips) {
         int enters = 0;
         for (const auto& n : s.enters) enters += n.second;
         EXPECT_EQ(enters, p.ends);
+        // The same dependences as the timeline's arrows; the example's chain has some.
+        EXPECT_EQ(int(s.depends_on.size()), p.flows);
+        EXPECT_EQ(r.enters.count("make_tasks") == 1, p.flows > 0);
         int files = 0;
         for (const std::string& f : list_dir(dir.path + "/run")) files += f.rfind("_ryl.", 0) == 0;
         EXPECT_EQ(files, p.threads);

@@ -9,7 +9,9 @@
 // with none open is dropped, tasks still open are closed at the file's last
 // timestamp. Every Enter carries the attributes "id" and "parent" (the first
 // word of the task's id and of its parent's id), which is how the task graph's
-// creation relation reaches OTF2 readers. Files are read once, one at a time;
+// creation relation reaches OTF2 readers; an OpenMP task with dependences also
+// carries "depends_on", its predecessors' ids as one string (OTF2 has no event
+// for a dependence, and an attribute appears at most once per event). Files are read once, one at a time;
 // the event writer's buffer is flushed to disk by OTF2 itself, and the
 // definitions, which need every file's counts, are written at the end.
 #include <otf2/otf2.h>
@@ -92,7 +94,19 @@ OTF2_RegionRef region_ref(definitions& d, const std::string& recorded, const sou
     return d.region_of[{recorded, site}] = OTF2_RegionRef(d.regions.size() - 1);
 }
 
-constexpr OTF2_AttributeRef attribute_id = 0, attribute_parent = 1;
+constexpr OTF2_AttributeRef attribute_id = 0, attribute_parent = 1, attribute_depends_on = 2;
+
+// "3 7": the id words of the tasks a task depends on, in the order the
+// runtime reported them, each once.
+std::string id_list(std::vector<uint64_t> ids) {
+    std::string text;
+    for (size_t i = 0; i < ids.size(); ++i) {
+        if (std::find(ids.begin(), ids.begin() + i, ids[i]) != ids.begin() + i) continue;
+        if (!text.empty()) text += ' ';
+        text += std::to_string(ids[i]);
+    }
+    return text;
+}
 
 // Reads one file into the event writer of its location.
 bool export_file(OTF2_Archive* archive, definitions& d, const name_table& names, task_namer* namer,
@@ -117,6 +131,13 @@ bool export_file(OTF2_Archive* archive, definitions& d, const name_table& names,
             OTF2_AttributeList_AddAttribute(attributes, attribute_id, OTF2_TYPE_UINT64, v);
             v.uint64 = rec.fields[2].id.a;
             OTF2_AttributeList_AddAttribute(attributes, attribute_parent, OTF2_TYPE_UINT64, v);
+            if (namer && !namer->predecessors.empty()) {
+                const auto preds = namer->predecessors.find(rec.fields[1].id.a);
+                if (preds != namer->predecessors.end()) {
+                    v.stringRef = string_ref(d, id_list(preds->second));
+                    OTF2_AttributeList_AddAttribute(attributes, attribute_depends_on, OTF2_TYPE_STRING, v);
+                }
+            }
             OTF2_EvtWriter_Enter(w, attributes, last, region);  // empties the list
             open.push_back(region);
             ++events;
@@ -144,7 +165,9 @@ void write_definitions(OTF2_Archive* archive, definitions& d, uint64_t origin, u
                          node = string_ref(d, "node"),
                          id_name = string_ref(d, "id"), parent_name = string_ref(d, "parent"),
                          id_text = string_ref(d, "first word of the task's id"),
-                         parent_text = string_ref(d, "first word of the parent task's id");
+                         parent_text = string_ref(d, "first word of the parent task's id"),
+                         depends_name = string_ref(d, "depends_on"),
+                         depends_text = string_ref(d, "ids of the tasks this task depends on, separated by spaces");
     std::vector<OTF2_StringRef> location_names;
     for (const auto& l : d.locations) location_names.push_back(string_ref(d, l.name));
     std::vector<OTF2_StringRef> process_names;
@@ -155,6 +178,7 @@ void write_definitions(OTF2_Archive* archive, definitions& d, uint64_t origin, u
     for (size_t s = 0; s < d.strings.size(); ++s) OTF2_GlobalDefWriter_WriteString(g, s, d.strings[s].c_str());
     OTF2_GlobalDefWriter_WriteAttribute(g, attribute_id, id_name, id_text, OTF2_TYPE_UINT64);
     OTF2_GlobalDefWriter_WriteAttribute(g, attribute_parent, parent_name, parent_text, OTF2_TYPE_UINT64);
+    OTF2_GlobalDefWriter_WriteAttribute(g, attribute_depends_on, depends_name, depends_text, OTF2_TYPE_STRING);
     for (size_t r = 0; r < d.regions.size(); ++r) {
         const definitions::region& x = d.regions[r];
         OTF2_GlobalDefWriter_WriteRegion(g, r, x.name, x.canonical, empty, x.role, x.paradigm, OTF2_REGION_FLAG_NONE,
@@ -211,6 +235,7 @@ int export_command(const std::vector<std::string>& args) {
         d.processes.push_back(dirs[i]);
         // OpenMP runs: regions named by source, one more pass over the directory.
         task_namer namer;
+        namer.want_predecessors = true;
         bool openmp = false;
         for (const auto& dom : names[i].domains) openmp = openmp || dom.second == "openmp";
         if (openmp && !(ok = load_task_names(namer, dirs[i], files[i]))) break;

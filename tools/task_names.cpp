@@ -8,6 +8,10 @@ bool load_task_names(task_namer& namer, const std::string& dir, const std::vecto
     namer.symbols.load(dir);
     uint64_t arrow = 0;
     for (const auto& d : namer.a.dependence_ids) {
+        if (namer.want_predecessors) {
+            namer.predecessors[d.second].push_back(d.first);
+            continue;
+        }
         namer.arrows_out[d.first].push_back(++arrow);
         namer.arrows_in[d.second].push_back(arrow);
     }

@@ -25,6 +25,10 @@ struct task_namer {
     // Dependence arrows by task id word: numbered from 1, the arrow's start on
     // the task it leaves, its end on the task it enters.
     std::unordered_map<uint64_t, std::vector<uint64_t>> arrows_out, arrows_in;
+    // With want_predecessors set before loading: the tasks each task depends
+    // on, by id word, instead of the arrows.
+    bool want_predecessors = false;
+    std::unordered_map<uint64_t, std::vector<uint64_t>> predecessors;
 };
 
 // Reads the run once; false (message printed) when it cannot be read.
