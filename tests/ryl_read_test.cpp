@@ -314,9 +314,8 @@ TEST(ryl_library_runs, finished_and_killed_streamed_and_mapped) {
     }
 }
 
-// ryl loads the library, whose collector starts on loading: it must neither
-// take over the files of the directory it reads (named by VUN_DIR) nor leave
-// a run directory of its own behind.
+// ryl must neither take over the files of the directory it reads (named by
+// VUN_DIR) nor leave a run directory of its own behind.
 TEST(ryl_self, leaves_run_directories_alone) {
     temp_dir dir, cwd;
     const std::string old = header_lines(2) + finish(10);
