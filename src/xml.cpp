@@ -26,29 +26,115 @@ inline int value_of(char slot) { return static_cast<signed char>(slot); }
 // The whitespace test of the tokenizer, inlined in its loops.
 inline bool whitespace(int c) { return !(c >= 33 && c <= 126) && c != -1; }
 
-// The next byte as getc gives it; without an override of getc the file is
-// read directly, saving a call per byte.
-inline int fetch(tokenizer& t) {
-    if (t.own_getc) return t.file ? getc_unlocked(t.file) : -1;
-    return t.getc();
+#define XML_INLINE inline __attribute__((always_inline))
+
+// Tests of two slots at once. The compiler merges "a.x == 1 && a.y == 2" on
+// neighbouring fields into one wider load, which would keep a cursor (below)
+// in memory instead of registers; tests on plain values are left alone.
+XML_INLINE bool pair_is(char first, char second, char a, char b) {
+    return first == a && second == b;
+}
+XML_INLINE bool both_end(char first, char second) {
+    return pair_is(first, second, end_byte, end_byte);
 }
 
-// Moves the look-ahead on by one character; returns what getc gave, which
-// tells the end of input (-1) from a byte 0xFF (255).
-inline int shift(tokenizer& t) {
-    t.current = t.next;
-    t.next = t.after_next;
-    int c = fetch(t);
-    t.after_next = static_cast<char>(c);
-    return c;
-}
+// One operation's view of a tokenizer: its look-ahead and its unread input,
+// held in locals while the operation runs, so that the loops work in
+// registers rather than through the object, which every byte stored into a
+// caller's buffer might alias. The slots and the read position go back into
+// the tokenizer when the cursor goes.
+//
+// Without an override of getc, the bytes come straight from the stdio
+// buffer of the file (what getc_unlocked does, without going through memory
+// for every byte); the position is put back into the stream, so the file is
+// always exactly where getc would have left it.
+struct cursor {
+    tokenizer& t;
+    char current;
+    char next;
+    char after_next;
+    bool direct;                     // reading the stdio buffer of t.file
+    const unsigned char* read = nullptr;  // its unread bytes: [read, end)
+    const unsigned char* end = nullptr;
 
-// Shifts once, then past whitespace; returns the current character.
-inline int skip_to_next(tokenizer& t) {
-    shift(t);
-    while (whitespace(value_of(t.current))) shift(t);
-    return value_of(t.current);
-}
+    // The slots are loaded one byte each: the compiler would otherwise merge
+    // them into wider loads, which stall behind the byte stores of the last
+    // operation's put_back (no store forwarding).
+    explicit cursor(tokenizer& owner)
+        : t(owner),
+          current(__atomic_load_n(&owner.current, __ATOMIC_RELAXED)),
+          next(__atomic_load_n(&owner.next, __ATOMIC_RELAXED)),
+          after_next(__atomic_load_n(&owner.after_next, __ATOMIC_RELAXED)),
+          direct(owner.own_getc && owner.file) {
+#ifdef __GLIBC__
+        if (direct) {
+            read = reinterpret_cast<const unsigned char*>(t.file->_IO_read_ptr);
+            end = reinterpret_cast<const unsigned char*>(t.file->_IO_read_end);
+        }
+#endif
+    }
+    XML_INLINE ~cursor() { put_back(); }
+    cursor(const cursor&) = delete;
+    cursor& operator=(const cursor&) = delete;
+
+    XML_INLINE void put_back() {
+        t.current = current;
+        t.next = next;
+        t.after_next = after_next;
+#ifdef __GLIBC__
+        if (direct) t.file->_IO_read_ptr = reinterpret_cast<char*>(const_cast<unsigned char*>(read));
+#endif
+    }
+
+    // The next byte as getc gives it.
+    XML_INLINE int fetch() {
+        if (read < end) return *read++;
+        return refill();
+    }
+
+    // Inlined as well: an out-of-line call would take the cursor's address
+    // and send the loops' state back to memory.
+    XML_INLINE int refill() {
+#ifdef __GLIBC__
+        if (direct) {
+            t.file->_IO_read_ptr = reinterpret_cast<char*>(const_cast<unsigned char*>(read));
+            const int c = getc_unlocked(t.file);
+            read = reinterpret_cast<const unsigned char*>(t.file->_IO_read_ptr);
+            end = reinterpret_cast<const unsigned char*>(t.file->_IO_read_end);
+            return c;
+        }
+#endif
+        if (t.own_getc) return t.file ? getc_unlocked(t.file) : -1;
+        put_back();  // an overriding getc sees the look-ahead as it stands
+        return t.getc();
+    }
+
+    // Moves the look-ahead on by one character; returns what getc gave, which
+    // tells the end of input (-1) from a byte 0xFF (255).
+    XML_INLINE int shift() {
+        current = next;
+        next = after_next;
+        const int c = fetch();
+        after_next = static_cast<char>(c);
+        return c;
+    }
+
+    // Shifts once, then past whitespace; returns the current character.
+    XML_INLINE int skip_to_next() {
+        shift();
+        while (whitespace(value_of(current))) shift();
+        return value_of(current);
+    }
+
+    // Drops whitespace in the next slot, leaving the current one alone.
+    XML_INLINE int look_ahead() {
+        while (whitespace(value_of(next))) {
+            next = after_next;
+            after_next = static_cast<char>(fetch());
+        }
+        return value_of(next);
+    }
+};
 
 void say(const char* line) {
     std::fputs(line, stdout);
@@ -56,63 +142,158 @@ void say(const char* line) {
     std::fflush(stdout);
 }
 
+// Bounded output of a scan: at most room characters are kept; the rest is
+// dropped (what is said about it is up to the caller's warn).
+struct bounded_buffer {
+    char* buf;
+    int room;
+    int stored = 0;
+    bool store;
+    bounded_buffer(char* b, int size, int reserve)
+        : buf(b), room(size - reserve), store(b && size > 0) {}
+    XML_INLINE bool put(char c) {
+        if (stored < room) {
+            buf[stored++] = c;
+            return true;
+        }
+        return false;
+    }
+    void finish() {
+        if (store) buf[stored] = '\0';
+    }
+};
+
 // The loop shared by string tokens and capture_string: the current character
 // is the opening quotation mark. A backslash makes the character after it part
 // of the string. Returns 34, or -1 when the input ends inside the string.
-int read_string(tokenizer& t, char* buf, int size, bool warn) {
-    const bool store = buf && size > 0;
-    int stored = 0;
+XML_INLINE int read_string(cursor& c, char* buf, int size, bool warn) {
+    bounded_buffer out(buf, size, 1);
+    int result = 34;
     for (;;) {
         int got;
-        if (t.current == '\\') {
-            got = shift(t);
+        if (c.current == '\\') {
+            got = c.shift();
         } else {
-            got = shift(t);
-            if (t.current == '"') break;
+            got = c.shift();
+            if (c.current == '"') break;
         }
         // After the end of input getc keeps answering -1, so once it has and
         // both current and next hold 0xFF no closing mark can come any more.
-        if (got == -1 && t.current == end_byte && t.next == end_byte) {
-            if (store) buf[stored] = '\0';
-            return -1;
+        if (got == -1 && both_end(c.current, c.next)) {
+            result = -1;
+            break;
         }
-        if (store && stored < size - 1) {
-            buf[stored++] = t.current;
-        } else if (store && warn) {
+        if (out.store && !out.put(c.current) && warn) {
             std::fprintf(stdout, "WARNING: buffer %d is too small for string, truncating\n", size);
             std::fflush(stdout);
         }
     }
-    if (store) buf[stored] = '\0';
-    return 34;
+    out.finish();
+    return result;
 }
 
 // The input ended inside a construct: every later token is the end too.
-int stay_at_end(tokenizer& t) {
-    t.current = t.next = t.after_next = end_byte;
+XML_INLINE int stay_at_end(cursor& c) {
+    c.current = c.next = c.after_next = end_byte;
     return -1;
 }
 
 // Reads a comment after "<!": the current slot holds "<", the next "!". The
 // body is read with getc directly up to a run of two or more dashes followed
 // by ">". Returns 99 with that ">" as the current character, or -1.
-int read_comment(tokenizer& t) {
-    if (t.after_next != '-') return -1;
-    int c = fetch(t);
-    if (c != '-') return c == -1 ? stay_at_end(t) : -1;
+XML_INLINE int read_comment(cursor& c) {
+    if (c.after_next != '-') return -1;
+    int b = c.fetch();
+    if (b != '-') return b == -1 ? stay_at_end(c) : -1;
     for (;;) {
-        c = fetch(t);
-        if (c == '-') {
+        b = c.fetch();
+        if (b == '-') {
             int dashes = 1;
-            while ((c = fetch(t)) == '-') ++dashes;
-            if (dashes >= 2 && c == '>') break;
+            while ((b = c.fetch()) == '-') ++dashes;
+            if (dashes >= 2 && b == '>') break;
         }
-        if (c == -1) return stay_at_end(t);
+        if (b == -1) return stay_at_end(c);
     }
-    t.next = '>';
-    t.after_next = static_cast<char>(fetch(t));
-    skip_to_next(t);
+    c.next = '>';
+    c.after_next = static_cast<char>(c.fetch());
+    c.skip_to_next();
     return 99;
+}
+
+// next_token on a cursor.
+XML_INLINE int read_token(cursor& in, char* buf, int size) {
+    const int c = in.skip_to_next();
+    switch (c) {
+    case -1:
+    case '=':
+    case '>':
+        return c;
+    case '/':
+        if (in.next != '>') return -1;
+        in.skip_to_next();
+        return 69;
+    case '?':
+        if (in.next != '>') return -1;
+        in.skip_to_next();
+        return 88;
+    case '<':
+        if (in.next == '?') {
+            in.skip_to_next();
+            return 120;
+        }
+        if (in.next == '!') return read_comment(in);
+        if (in.next == '/') {
+            in.skip_to_next();
+            return 101;
+        }
+        return 98;  // the name is read by the next call
+    case '"':
+        return read_string(in, buf, size, false);
+    default:
+        break;
+    }
+
+    // A name: up to whitespace, "=", ">" or "?". Its first character is
+    // stored whatever the size.
+    bounded_buffer out(buf, size, 1);
+    if (out.store) buf[out.stored++] = in.current;
+    for (;;) {
+        const int n = value_of(in.next);
+        if (whitespace(n) || n == '=' || n == '>' || n == '?') break;
+        if (n == -1 && value_of(in.after_next) == -1) {
+            // Bytes 0xFF or the end of input: the end repeats, a byte does not.
+            if (in.shift() == -1) break;
+        } else {
+            in.shift();
+        }
+        if (out.store) out.put(in.current);
+    }
+    out.finish();
+    return 110;
+}
+
+// get_text on a cursor: every character of the content goes to keep(char),
+// in order; keep says what it does with characters past its room.
+template <typename Keep>
+XML_INLINE void read_text(cursor& c, Keep& keep) {
+    // Content that is its own end tag at once is empty.
+    if (pair_is(c.next, c.after_next, '<', '/')) return;
+    c.shift();
+    long depth = c.current == '<' ? 1 : 0;
+    while (c.current != end_byte) {
+        keep(c.current);
+        if (c.next == '<') {
+            if (c.after_next == '/') {
+                if (depth <= 0) break;
+                --depth;
+            } else {
+                ++depth;
+            }
+        } else if (pair_is(c.next, c.after_next, '/', '>')) {
+            --depth;
+        }
+        c.shift();
+    }
 }
 
 }  // namespace
@@ -123,7 +304,7 @@ tokenizer::tokenizer(const char* filename)
     : file(nullptr), current(0), next(0), after_next(0), open_failed(false) {
     if (!filename) return;
     name = filename;
-    file = std::fopen(filename, "r");
+    file = std::fopen(filename, "re");
     if (!file) {
         std::fprintf(stdout, "ERROR: Could not open %s\n", filename);
         std::fflush(stdout);
@@ -145,115 +326,55 @@ bool tokenizer::is_whitespace(int c) {
 }
 
 int tokenizer::next_char() {
-    return skip_to_next(*this);
+    cursor c(*this);
+    return c.skip_to_next();
 }
 
 int tokenizer::look_ahead() {
-    while (whitespace(value_of(next))) {
-        next = after_next;
-        after_next = static_cast<char>(fetch(*this));
-    }
-    return value_of(next);
+    cursor c(*this);
+    return c.look_ahead();
 }
 
 int tokenizer::next_token(char* buf, int size) {
     if (open_failed) return -1;
-    if (current == 0 && next == 0) {  // nothing read yet: fill the look-ahead
-        own_getc = typeid(*this) == typeid(tokenizer);
-        next = static_cast<char>(fetch(*this));
-        after_next = static_cast<char>(fetch(*this));
+    {
+        cursor c(*this);
+        if (!pair_is(c.current, c.next, 0, 0)) return read_token(c, buf, size);
     }
-    const int c = skip_to_next(*this);
-    switch (c) {
-    case -1:
-    case '=':
-    case '>':
-        return c;
-    case '/':
-        if (next != '>') return -1;
-        skip_to_next(*this);
-        return 69;
-    case '?':
-        if (next != '>') return -1;
-        skip_to_next(*this);
-        return 88;
-    case '<':
-        if (next == '?') {
-            skip_to_next(*this);
-            return 120;
-        }
-        if (next == '!') return read_comment(*this);
-        if (next == '/') {
-            skip_to_next(*this);
-            return 101;
-        }
-        return 98;  // the name is read by the next call
-    case '"':
-        return read_string(*this, buf, size, false);
-    default:
-        break;
-    }
-
-    // A name: up to whitespace, "=", ">" or "?".
-    const bool store = buf && size > 0;
-    int stored = 0;
-    if (store) buf[stored++] = current;
-    for (;;) {
-        const int n = value_of(next);
-        if (whitespace(n) || n == '=' || n == '>' || n == '?') break;
-        if (n == -1 && value_of(after_next) == -1) {
-            // Bytes 0xFF or the end of input: the end repeats, a byte does not.
-            if (shift(*this) == -1) break;
-        } else {
-            shift(*this);
-        }
-        if (store && stored < size - 1) buf[stored++] = current;
-    }
-    if (store) buf[stored] = '\0';
-    return 110;
+    // Nothing read yet: fill the look-ahead.
+    own_getc = typeid(*this) == typeid(tokenizer);
+    cursor c(*this);
+    c.next = static_cast<char>(c.fetch());
+    c.after_next = static_cast<char>(c.fetch());
+    return read_token(c, buf, size);
 }
 
 void tokenizer::capture_string(char* buf, int size) {
-    read_string(*this, buf, size, true);
+    cursor c(*this);
+    read_string(c, buf, size, true);
 }
 
 void tokenizer::get_text(char* buf, int size) {
-    const bool store = buf && size > 0;
-    const int room = size - 2;
-    int stored = 0;
-    // Content that is its own end tag at once is empty.
-    if (next != '<' || after_next != '/') {
-        shift(*this);
-        long depth = current == '<' ? 1 : 0;
+    struct {
+        bounded_buffer out;
         bool warned = false;
-        while (current != end_byte) {
-            if (store && stored < room) {
-                buf[stored++] = current;
-            } else if (store && !warned) {
+        XML_INLINE void operator()(char ch) {
+            if (out.store && !out.put(ch) && !warned) {
                 say("WARNING: buffer too small for data, truncating");
                 warned = true;
             }
-            if (next == '<') {
-                if (after_next == '/') {
-                    if (depth <= 0) break;
-                    --depth;
-                } else {
-                    ++depth;
-                }
-            } else if (next == '/' && after_next == '>') {
-                --depth;
-            }
-            shift(*this);
         }
-    }
-    if (store) buf[stored] = '\0';
+    } keep{bounded_buffer(buf, size, 2)};
+    cursor c(*this);
+    read_text(c, keep);
+    keep.out.finish();
 }
 
 // ---------------------------------------------------------------- element tree
 
 element::element(const char* name, const char* text)
     : name(name ? name : ""), text(text ? text : "") {
-    if (this->name == "xml") attributes["version"] = "1.0";
+    if (this->name.size() == 3 && this->name == "xml") attributes["version"] = "1.0";
 }
 
 element::~element() {
@@ -292,27 +413,53 @@ element* document::set_root(element* new_root) {
 
 namespace {
 
-// Name, value and text buffers of one parse, on the heap (not zeroed: the
-// tokenizer terminates what it writes before the parser reads it).
-struct parse_buffers {
-    char name[name_size];
-    char value[value_size];
-    char text[text_size];
+// An element's text content as get_text with a buffer of text_size bytes
+// followed by a copy into the element gives it: at most text_size - 2
+// characters, one warning when more come, and the text ends at its first NUL.
+// The characters gather in a small chunk on the stack and are appended to
+// the element's text from there, so no text buffer is needed.
+struct text_keeper {
+    std::string& text;
+    int counted = 0;
+    bool warned = false;
+    bool cut = false;  // a NUL came: nothing more is kept
+    int in_chunk = 0;
+    char chunk[256];
+
+    explicit text_keeper(std::string& t) : text(t) {}
+    XML_INLINE void operator()(char ch) {
+        if (counted >= text_size - 2) {
+            if (!warned) {
+                say("WARNING: buffer too small for data, truncating");
+                warned = true;
+            }
+            return;
+        }
+        ++counted;
+        if (cut || ch == '\0') {
+            cut = true;
+            return;
+        }
+        chunk[in_chunk++] = ch;
+        if (in_chunk == static_cast<int>(sizeof chunk)) flush();
+    }
+    void flush() {
+        text.append(chunk, static_cast<size_t>(in_chunk));
+        in_chunk = 0;
+    }
 };
 
 // What a start tag leaves to do: nothing more, read children, or give up.
 enum class start_result { failed, complete, has_children };
 
-// One parse over a document's tokenizer with one set of buffers.
+// One parse over a document's tokenizer with its name and value buffers.
 struct parser {
     document& doc;
     tokenizer& in;
-    char* name;
-    char* value;
-    char* text;
+    char name[name_size];
+    char value[value_size];
 
-    parser(document& d, char* name_buf, char* value_buf, char* text_buf)
-        : doc(d), in(d.input), name(name_buf), value(value_buf), text(text_buf) {}
+    explicit parser(document& d) : doc(d), in(d.input) {}
 
     // name="value": the name token has been read into name.
     bool attribute(element& e) {
@@ -334,20 +481,19 @@ struct parser {
 
     // After "</": the element's own name and ">".
     bool end_tag(const element& e) {
-        if (in.next_token(name, name_size) != 'n' || e.name != name) return false;
+        if (in.next_token(name, name_size) != 'n' || std::strcmp(e.name.c_str(), name) != 0) return false;
         return in.next_token(nullptr, 0) == '>';
     }
 
-    // After "<": the name and attributes, attaching the new element; then
-    // text content with its end tag, or nothing more for "/>".
-    start_result start_tag(element* parent, element*& created) {
+    // After "<": the name and attributes, appending the new element to
+    // siblings (making it the root when there is no list); then text content
+    // with its end tag, or nothing more for "/>".
+    start_result start_tag(std::vector<element*>* siblings, element*& created) {
         if (in.next_token(name, name_size) != 'n') return start_result::failed;
         auto owned = std::make_unique<element>(name, nullptr);
         element* e = owned.get();
-        if (parent) {
-            // Room for a few children at once: fewer reallocations for short lists.
-            if (parent->child_elements.empty()) parent->child_elements.reserve(4);
-            parent->child_elements.push_back(e);
+        if (siblings) {
+            siblings->push_back(e);
             owned.release();
         } else {
             doc.set_root(owned.release());
@@ -367,34 +513,77 @@ struct parser {
         }
         // "data" and "text" always hold text; other elements hold text when
         // their content, past leading whitespace, does not begin with "<".
-        if (e->name != "data" && e->name != "text" && in.look_ahead() == '<')
+        const bool always_text = e->name.size() == 4 && (e->name == "data" || e->name == "text");
+        if (!always_text && in.look_ahead() == '<')
             return start_result::has_children;
-        in.get_text(text, text_size);
-        e->text = text;
+        {
+            text_keeper keep(e->text);
+            cursor c(in);
+            read_text(c, keep);
+            keep.flush();
+        }
         if (in.next_token(nullptr, 0) != 'e' || !end_tag(*e)) return start_result::failed;
         return start_result::complete;
     }
 
-    // One element with its whole subtree. Elements whose children are being
-    // read are kept on an explicit stack, so the depth of the input costs no
-    // stack of the calling thread.
+    // The elements whose children are being read, outermost first, kept on
+    // the heap so that the depth of the input costs no stack of the calling
+    // thread. Their children gather in one list and each element takes its
+    // own in one exactly sized piece at its end tag (fewer allocations than
+    // growing every list). Whatever is still open when the parse stops,
+    // failed or not, takes what was read.
+    struct open_elements {
+        struct level {
+            element* e;
+            size_t first_child;  // its children: children[first_child..]
+        };
+        std::vector<level> levels;
+        std::vector<element*> children;
+
+        open_elements() = default;
+        open_elements(const open_elements&) = delete;
+        open_elements& operator=(const open_elements&) = delete;
+        ~open_elements() {
+            while (!levels.empty()) close();
+        }
+        // The innermost element takes its children; false when out of
+        // memory, and then they are destroyed rather than lost.
+        bool close() {
+            const level l = levels.back();
+            levels.pop_back();
+            const auto first = children.begin() + static_cast<std::ptrdiff_t>(l.first_child);
+            bool adopted = true;
+            try {
+                l.e->child_elements.insert(l.e->child_elements.end(), first, children.end());
+            } catch (...) {
+                for (auto c = first; c != children.end(); ++c) delete *c;
+                adopted = false;
+            }
+            children.erase(first, children.end());
+            return adopted;
+        }
+    };
+
+    // One element with its whole subtree, appended to parent's children (or
+    // the root without a parent).
     bool element_tree(element* parent) {
         element* e = nullptr;
-        start_result r = start_tag(parent, e);
+        start_result r = start_tag(parent ? &parent->child_elements : nullptr, e);
         if (r != start_result::has_children) return r == start_result::complete;
-        std::vector<element*> open{e};
-        while (!open.empty()) {
+        open_elements open;
+        open.levels.push_back({e, 0});
+        while (!open.levels.empty()) {
             const int token = in.next_token(nullptr, 0);
             if (token == 'c') continue;
             if (token == 'e') {
-                if (!end_tag(*open.back())) return false;
-                open.pop_back();
+                if (!end_tag(*open.levels.back().e) || !open.close()) return false;
                 continue;
             }
-            if (token != 'b' || open.size() >= static_cast<size_t>(max_nesting_depth)) return false;
-            r = start_tag(open.back(), e);
+            if (token != 'b' || open.levels.size() >= static_cast<size_t>(max_nesting_depth))
+                return false;
+            r = start_tag(&open.children, e);
             if (r == start_result::failed) return false;
-            if (r == start_result::has_children) open.push_back(e);
+            if (r == start_result::has_children) open.levels.push_back({e, open.children.size()});
         }
         return true;
     }
@@ -426,8 +615,7 @@ struct parser {
 
 bool document::parse() {
     try {
-        std::unique_ptr<parse_buffers> buffers(new parse_buffers);
-        return parser(*this, buffers->name, buffers->value, buffers->text).top_level();
+        return parser(*this).top_level();
     } catch (...) {  // out of memory: refuse the rest of the input
         return false;
     }
@@ -435,9 +623,7 @@ bool document::parse() {
 
 bool document::parse_xml_tag() {
     try {
-        char name[name_size];
-        char value[value_size];
-        return parser(*this, name, value, nullptr).xml_tag();
+        return parser(*this).xml_tag();
     } catch (...) {
         return false;
     }
@@ -445,8 +631,7 @@ bool document::parse_xml_tag() {
 
 bool document::parse_element(element* parent) {
     try {
-        std::unique_ptr<parse_buffers> buffers(new parse_buffers);
-        return parser(*this, buffers->name, buffers->value, buffers->text).element_tree(parent);
+        return parser(*this).element_tree(parent);
     } catch (...) {
         return false;
     }

@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -58,24 +59,59 @@ void query(const xml::document& doc) {
     check(r.first_child() == (all.empty() ? nullptr : all.front()));
 }
 
-// The tokenizer on its own, with exact-size heap buffers so that any write
-// past them is caught.
-void tokenize(const char* path, uint8_t selector) {
-    const int size = 2 + selector % 8;
-    std::vector<char> name(size), text(size);
-    xml::tokenizer t(path);
-    for (int i = 0; i < 1 << 16; ++i) {
-        const int kind = t.next_token(name.data(), size);
-        if (kind == -1 && (selector & 0x80)) break;
-        if (kind == -1 && t.next == static_cast<char>(0xFF) && t.after_next == static_cast<char>(0xFF)) break;
-        if (kind == 62 && (selector & 0x40)) {
-            t.look_ahead();
-            t.get_text(text.data(), size);
-        } else if (kind == 61 && t.look_ahead() == '"') {
-            t.next_char();
-            t.capture_string(name.data(), size);
-        }
+// Bytes from memory through an overriding getc: the tokenizer's byte-by-byte
+// path, against which the path that reads the file's buffer is checked.
+struct memory_tokenizer : xml::tokenizer {
+    const uint8_t* data;
+    size_t size;
+    size_t at = 0;
+    memory_tokenizer(const uint8_t* d, size_t n) : xml::tokenizer(nullptr), data(d), size(n) {}
+    int getc() override { return at < size ? data[at++] : -1; }
+};
+
+// One tokenizer's view after each step: the kind, the text, the slots.
+struct step {
+    int kind;
+    std::string text;
+    char slots[3];
+    bool operator==(const step& o) const {
+        return kind == o.kind && text == o.text && std::equal(slots, slots + 3, o.slots);
     }
+};
+
+step take(xml::tokenizer& t, int kind, const std::vector<char>& buf) {
+    return {kind, std::string(buf.data()), {t.current, t.next, t.after_next}};
+}
+
+// The tokenizer on its own, with exact-size heap buffers so that any write
+// past them is caught: the file's tokenizer and one reading the same bytes
+// through getc take the same steps and must see the same.
+void tokenize(const char* path, const uint8_t* data, size_t size) {
+    const uint8_t selector = size ? data[0] : 0;
+    const int buffer_size = 2 + selector % 8;
+    std::vector<char> a(buffer_size), b(buffer_size);
+    xml::tokenizer file(path);
+    memory_tokenizer memory(data, size);
+    for (int i = 0; i < 1 << 16; ++i) {
+        a[0] = b[0] = '\0';
+        const int kind = file.next_token(a.data(), buffer_size);
+        check(take(file, kind, a) == take(memory, memory.next_token(b.data(), buffer_size), b));
+        if (kind == -1 && (selector & 0x80)) break;
+        if (kind == -1 && file.next == static_cast<char>(0xFF) && file.after_next == static_cast<char>(0xFF)) break;
+        if (kind == 62 && (selector & 0x40)) {
+            check(file.look_ahead() == memory.look_ahead());
+            file.get_text(a.data(), buffer_size);
+            memory.get_text(b.data(), buffer_size);
+        } else if (kind == 61 && file.look_ahead() == '"') {
+            check(memory.look_ahead() == '"' && file.next_char() == memory.next_char());
+            file.capture_string(a.data(), buffer_size);
+            memory.capture_string(b.data(), buffer_size);
+        } else {
+            continue;
+        }
+        check(take(file, 0, a) == take(memory, 0, b));
+    }
+    check(!file.file || std::ftell(file.file) == static_cast<long>(memory.at));
 }
 
 }  // namespace
@@ -98,6 +134,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         again.parse();
         dump_of(again);
     }
-    tokenize(input_path(data, size), size ? data[0] : 0);
+    tokenize(input_path(data, size), data, size);
     return 0;
 }
