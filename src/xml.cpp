@@ -296,6 +296,19 @@ XML_INLINE void read_text(cursor& c, Keep& keep) {
     }
 }
 
+// Fills the look-ahead when nothing has been read yet (current and next
+// slots both 0), as the first next_token does.
+void prime(tokenizer& t) {
+    {
+        cursor c(t);
+        if (!pair_is(c.current, c.next, 0, 0)) return;
+    }
+    t.own_getc = typeid(t) == typeid(tokenizer);
+    cursor c(t);
+    c.next = static_cast<char>(c.fetch());
+    c.after_next = static_cast<char>(c.fetch());
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------- tokenizer
@@ -337,15 +350,8 @@ int tokenizer::look_ahead() {
 
 int tokenizer::next_token(char* buf, int size) {
     if (open_failed) return -1;
-    {
-        cursor c(*this);
-        if (!pair_is(c.current, c.next, 0, 0)) return read_token(c, buf, size);
-    }
-    // Nothing read yet: fill the look-ahead.
-    own_getc = typeid(*this) == typeid(tokenizer);
+    prime(*this);
     cursor c(*this);
-    c.next = static_cast<char>(c.fetch());
-    c.after_next = static_cast<char>(c.fetch());
     return read_token(c, buf, size);
 }
 
@@ -449,9 +455,6 @@ struct text_keeper {
     }
 };
 
-// What a start tag leaves to do: nothing more, read children, or give up.
-enum class start_result { failed, complete, has_children };
-
 // One parse over a document's tokenizer with its name and value buffers.
 struct parser {
     document& doc;
@@ -462,9 +465,9 @@ struct parser {
     explicit parser(document& d) : doc(d), in(d.input) {}
 
     // name="value": the name token has been read into name.
-    bool attribute(element& e) {
-        if (in.next_token(nullptr, 0) != '=') return false;
-        if (in.next_token(value, value_size) != '"') return false;
+    XML_INLINE bool attribute(cursor& c, element& e) {
+        if (read_token(c, nullptr, 0) != '=') return false;
+        if (read_token(c, value, value_size) != '"') return false;
         e.attributes[name] = value;
         return true;
     }
@@ -472,58 +475,12 @@ struct parser {
     // After "<?": the name xml, attributes, "?>".
     bool xml_tag() {
         if (in.next_token(name, name_size) != 'n' || std::strcmp(name, "xml") != 0) return false;
+        cursor c(in);
         for (;;) {
-            const int token = in.next_token(name, name_size);
+            const int token = read_token(c, name, name_size);
             if (token != 'n') return token == 'X';
-            if (!attribute(doc)) return false;
+            if (!attribute(c, doc)) return false;
         }
-    }
-
-    // After "</": the element's own name and ">".
-    bool end_tag(const element& e) {
-        if (in.next_token(name, name_size) != 'n' || std::strcmp(e.name.c_str(), name) != 0) return false;
-        return in.next_token(nullptr, 0) == '>';
-    }
-
-    // After "<": the name and attributes, appending the new element to
-    // siblings (making it the root when there is no list); then text content
-    // with its end tag, or nothing more for "/>".
-    start_result start_tag(std::vector<element*>* siblings, element*& created) {
-        if (in.next_token(name, name_size) != 'n') return start_result::failed;
-        auto owned = std::make_unique<element>(name, nullptr);
-        element* e = owned.get();
-        if (siblings) {
-            siblings->push_back(e);
-            owned.release();
-        } else {
-            doc.set_root(owned.release());
-        }
-        created = e;
-        for (;;) {
-            const int token = in.next_token(name, name_size);
-            if (token == 'n') {
-                if (!attribute(*e)) return start_result::failed;
-            } else if (token == 'E') {
-                return start_result::complete;
-            } else if (token == '>') {
-                break;
-            } else {
-                return start_result::failed;
-            }
-        }
-        // "data" and "text" always hold text; other elements hold text when
-        // their content, past leading whitespace, does not begin with "<".
-        const bool always_text = e->name.size() == 4 && (e->name == "data" || e->name == "text");
-        if (!always_text && in.look_ahead() == '<')
-            return start_result::has_children;
-        {
-            text_keeper keep(e->text);
-            cursor c(in);
-            read_text(c, keep);
-            keep.flush();
-        }
-        if (in.next_token(nullptr, 0) != 'e' || !end_tag(*e)) return start_result::failed;
-        return start_result::complete;
     }
 
     // The elements whose children are being read, outermost first, kept on
@@ -564,28 +521,63 @@ struct parser {
         }
     };
 
-    // One element with its whole subtree, appended to parent's children (or
-    // the root without a parent).
+    // One element with its whole subtree after its "<", appended to parent's
+    // children (or the root without a parent). One loop over one cursor:
+    // each start tag is read with its attributes; an element with text
+    // content stays open like one with children until the loop reads its end
+    // tag, which must come right after the text.
     bool element_tree(element* parent) {
-        element* e = nullptr;
-        start_result r = start_tag(parent ? &parent->child_elements : nullptr, e);
-        if (r != start_result::has_children) return r == start_result::complete;
+        if (in.open_failed) return false;
+        prime(in);
+        cursor c(in);
         open_elements open;
-        open.levels.push_back({e, 0});
-        while (!open.levels.empty()) {
-            const int token = in.next_token(nullptr, 0);
-            if (token == 'c') continue;
-            if (token == 'e') {
-                if (!end_tag(*open.levels.back().e) || !open.close()) return false;
-                continue;
+        std::vector<element*>* siblings = parent ? &parent->child_elements : nullptr;
+        for (;;) {
+            if (read_token(c, name, name_size) != 'n') return false;
+            auto owned = std::make_unique<element>(name, nullptr);
+            element* e = owned.get();
+            if (siblings) {
+                siblings->push_back(e);
+                owned.release();
+            } else {
+                doc.set_root(owned.release());
+            }
+            int token;
+            bool text_read = false;
+            while ((token = read_token(c, name, name_size)) == 'n')
+                if (!attribute(c, *e)) return false;
+            if (token == '>') {
+                open.levels.push_back({e, open.children.size()});
+                // "data" and "text" always hold text; other elements hold
+                // text when their content, past leading whitespace, does not
+                // begin with "<".
+                const bool always_text = e->name.size() == 4 && (e->name == "data" || e->name == "text");
+                if (always_text || c.look_ahead() != '<') {
+                    text_keeper keep(e->text);
+                    read_text(c, keep);
+                    keep.flush();
+                    text_read = true;
+                }
+            } else if (token != 'E') {
+                return false;
+            }
+            // Then end tags, comments and start tags, up to the next start tag.
+            for (;;) {
+                if (open.levels.empty()) return true;
+                token = read_token(c, nullptr, 0);
+                if (text_read && token != 'e') return false;
+                text_read = false;
+                if (token == 'c') continue;
+                if (token != 'e') break;
+                if (read_token(c, name, name_size) != 'n' ||
+                    std::strcmp(open.levels.back().e->name.c_str(), name) != 0 ||
+                    read_token(c, nullptr, 0) != '>' || !open.close())
+                    return false;
             }
             if (token != 'b' || open.levels.size() >= static_cast<size_t>(max_nesting_depth))
                 return false;
-            r = start_tag(&open.children, e);
-            if (r == start_result::failed) return false;
-            if (r == start_result::has_children) open.levels.push_back({e, open.children.size()});
+            siblings = &open.children;
         }
-        return true;
     }
 
     // Comments and declarations with at most one element among them.
