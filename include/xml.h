@@ -25,6 +25,7 @@
 #include <cstdio>
 #include <iosfwd>
 #include <map>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -126,6 +127,17 @@ public:
     // Writes the element and its subtree, one element per line, indented by
     // three spaces per nesting level.
     void dump(std::ostream& os) const;
+
+    // Elements (and documents) made with new get a block of their own; the
+    // parser places the elements it reads side by side in large shared
+    // blocks. Either way delete gives the memory back, and a shared block
+    // goes when its last element does.
+    static void* operator new(std::size_t size);
+    static void* operator new(std::size_t size, const std::nothrow_t&) noexcept;
+    static void* operator new(std::size_t, void* where) noexcept { return where; }
+    static void operator delete(void* p) noexcept;
+    static void operator delete(void* p, const std::nothrow_t&) noexcept { operator delete(p); }
+    static void operator delete(void*, void*) noexcept {}
 
     std::string name;
     std::string text;                               // raw content; empty in child mode

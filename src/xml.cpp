@@ -1,6 +1,8 @@
 // XML document library: tokenizer, element tree, parser, queries, serialiser.
 #include "xml.h"
 
+#include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <memory>
@@ -297,12 +299,11 @@ XML_INLINE void read_text(cursor& c, Keep& keep) {
 }
 
 // Fills the look-ahead when nothing has been read yet (current and next
-// slots both 0), as the first next_token does.
-void prime(tokenizer& t) {
-    {
-        cursor c(t);
-        if (!pair_is(c.current, c.next, 0, 0)) return;
-    }
+// slots both 0), as the first next_token does. The slots are read one byte
+// each, like the cursor's.
+XML_INLINE void prime(tokenizer& t) {
+    if (__atomic_load_n(&t.current, __ATOMIC_RELAXED) != 0 || __atomic_load_n(&t.next, __ATOMIC_RELAXED) != 0)
+        return;
     t.own_getc = typeid(t) == typeid(tokenizer);
     cursor c(t);
     c.next = static_cast<char>(c.fetch());
@@ -374,6 +375,99 @@ void tokenizer::get_text(char* buf, int size) {
     cursor c(*this);
     read_text(c, keep);
     keep.out.finish();
+}
+
+// ---------------------------------------------------------------- element memory
+
+namespace {
+
+// A shared block of elements: a header, then room for capacity elements,
+// each behind a pointer back to the header. The parser fills it from the
+// front; references counts the elements in it, plus the places not yet
+// filled and one for the parser while a parser still fills it, so the block
+// is freed by whoever drops the count to zero, on any thread.
+struct element_slab {
+    std::atomic<std::size_t> references;
+    std::size_t used;
+    std::size_t capacity;
+};
+
+// What stands in front of every element made with new: its shared block,
+// or null for a block of its own. Padded to keep the element aligned.
+struct alignas(alignof(element)) block_header {
+    element_slab* slab;
+};
+
+constexpr std::size_t round_up(std::size_t n, std::size_t to) { return (n + to - 1) / to * to; }
+constexpr std::size_t header_size = sizeof(block_header);
+constexpr std::size_t block_stride = header_size + round_up(sizeof(element), alignof(element));
+constexpr std::size_t slab_first_block = round_up(sizeof(element_slab), alignof(block_header));
+// 64 KiB: a few hundred elements per allocation; small enough that the C
+// library serves it from its heap and a freed block is reused at once.
+constexpr std::size_t slab_bytes = 64 * 1024;
+constexpr std::size_t slab_capacity = (slab_bytes - slab_first_block) / block_stride;
+
+void release(element_slab* slab, std::size_t count) {
+    if (slab->references.fetch_sub(count, std::memory_order_acq_rel) == count) std::free(slab);
+}
+
+// The shared block a parse is filling. The places it leaves unfilled are
+// given up when it moves on to a new block or the parse ends.
+struct element_blocks {
+    element_slab* slab = nullptr;
+
+    element_blocks() = default;
+    element_blocks(const element_blocks&) = delete;
+    element_blocks& operator=(const element_blocks&) = delete;
+    ~element_blocks() { give_up_rest(); }
+
+    void give_up_rest() {
+        if (slab) release(slab, slab->capacity - slab->used + 1);
+        slab = nullptr;
+    }
+
+    // A new element in the block; throws std::bad_alloc without memory.
+    element* make(const char* name) {
+        if (!slab || slab->used == slab->capacity) {
+            give_up_rest();
+            void* memory = std::malloc(slab_bytes);
+            if (!memory) throw std::bad_alloc();
+            slab = new (memory) element_slab{{slab_capacity + 1}, 0, slab_capacity};
+        }
+        char* block = reinterpret_cast<char*>(slab) + slab_first_block + slab->used * block_stride;
+        ++slab->used;
+        new (block) block_header{slab};
+        try {
+            return new (block + header_size) element(name, nullptr);
+        } catch (...) {
+            release(slab, 1);
+            throw;
+        }
+    }
+};
+
+}  // namespace
+
+void* element::operator new(std::size_t size) {
+    void* p = operator new(size, std::nothrow);
+    if (!p) throw std::bad_alloc();
+    return p;
+}
+
+void* element::operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    void* memory = std::malloc(header_size + size);
+    if (!memory) return nullptr;
+    new (memory) block_header{nullptr};
+    return static_cast<char*>(memory) + header_size;
+}
+
+void element::operator delete(void* p) noexcept {
+    if (!p) return;
+    auto* header = reinterpret_cast<block_header*>(static_cast<char*>(p) - header_size);
+    if (header->slab)
+        release(header->slab, 1);
+    else
+        std::free(header);
 }
 
 // ---------------------------------------------------------------- element tree
@@ -459,6 +553,7 @@ struct text_keeper {
 struct parser {
     document& doc;
     tokenizer& in;
+    element_blocks blocks;
     char name[name_size];
     char value[value_size];
 
@@ -534,7 +629,7 @@ struct parser {
         std::vector<element*>* siblings = parent ? &parent->child_elements : nullptr;
         for (;;) {
             if (read_token(c, name, name_size) != 'n') return false;
-            auto owned = std::make_unique<element>(name, nullptr);
+            std::unique_ptr<element> owned(blocks.make(name));
             element* e = owned.get();
             if (siblings) {
                 siblings->push_back(e);

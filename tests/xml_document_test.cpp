@@ -5,6 +5,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -183,6 +184,45 @@ TEST(xml_query, descendants_in_document_order_and_tree_unchanged) {
     // set_root keeps the same root alive and replaces another.
     EXPECT_EQ(doc.set_root(doc.root), &r);
     EXPECT_EQ(doc.set_root(new xml::element("z", nullptr))->name, "z");
+}
+
+// Parsed elements share large blocks of memory: each still lives on its own.
+// Taken out of a document that is then destroyed, deleted one by one on
+// several threads, mixed with elements made with every form of new.
+TEST(xml_memory, parsed_elements_live_and_die_one_by_one) {
+    std::string text = "<r>";
+    for (int i = 0; i < 3000; ++i) text += "<e n=\"" + std::to_string(i) + "\">t" + std::to_string(i) + "</e>";
+    input_file file(text + "</r>");
+    std::vector<xml::element*> taken;
+    {
+        xml::document doc(file.path.c_str());
+        ASSERT_TRUE(doc.parse());
+        taken.swap(doc.root->child_elements);
+        doc.root->child_elements.push_back(taken.back());  // the document still owns this one
+        taken.pop_back();
+        doc.root->child_elements.push_back(new xml::element("made", "by new"));
+    }
+    ASSERT_EQ(taken.size(), 2999u);
+    for (size_t i = 0; i < taken.size(); ++i) {
+        ASSERT_EQ(taken[i]->attributes.at("n"), std::to_string(i));
+        ASSERT_EQ(taken[i]->text, "t" + std::to_string(i));
+    }
+    taken[5]->child_elements.push_back(new (std::nothrow) xml::element("nothrow", nullptr));
+    taken[6]->child_elements.push_back(taken.back());
+    taken.pop_back();
+    alignas(xml::element) unsigned char place[sizeof(xml::element)];
+    xml::element* placed = new (place) xml::element("placed", nullptr);
+    placed->child_elements.push_back(taken.back());
+    taken.pop_back();
+    placed->~element();
+    // Every other element on a second thread, at the same time as the rest here.
+    std::vector<xml::element*> odd, even;
+    for (size_t i = 0; i < taken.size(); ++i) (i % 2 ? odd : even).push_back(taken[i]);
+    std::thread other([&odd] {
+        for (xml::element* e : odd) delete e;
+    });
+    for (xml::element* e : even) delete e;
+    other.join();
 }
 
 }  // namespace
