@@ -1,19 +1,15 @@
-// XML document library: tokenizer, element tree, parser, queries, serialiser.
+// XML document library: tokenizer, element memory and tree, parser. The
+// queries are in xml_queries.cpp, the serialiser in xml_dump.cpp.
 #include "xml.h"
 
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
 #include <memory>
 #include <new>
 #include <typeinfo>
 
 namespace xml {
-
-// Nesting level of the element being written by dump: 0 for the declaration
-// and the root. One counter for the process, as dump runs on one thread at a time.
-static int g_nested_element_level = 0;
 
 namespace {
 
@@ -722,184 +718,6 @@ bool document::parse_element(element* parent) {
     } catch (...) {
         return false;
     }
-}
-
-// ---------------------------------------------------------------- queries
-
-namespace {
-
-// The attribute's value, empty when the element lacks it.
-const char* attribute_or_empty(const element& e, const char* attribute) {
-    auto found = e.attributes.find(attribute);
-    return found == e.attributes.end() ? "" : found->second.c_str();
-}
-
-bool matches(const element& e, const char* name, const char* attribute, const char* value) {
-    if (name && e.name != name) return false;
-    return !attribute || !value || std::strcmp(attribute_or_empty(e, attribute), value) == 0;
-}
-
-// Calls visit for every descendant of from in document order until it
-// returns true; returns that element, or null. The path is kept on the heap.
-template <typename Visit>
-element* find_descendant(const element& from, Visit visit) {
-    struct level {
-        const element* e;
-        size_t next;
-    };
-    std::vector<level> path{{&from, 0}};
-    while (!path.empty()) {
-        level& l = path.back();
-        if (l.next == l.e->child_elements.size()) {
-            path.pop_back();
-            continue;
-        }
-        element* c = l.e->child_elements[l.next++];
-        if (!c) continue;
-        if (visit(c)) return c;
-        path.push_back({c, 0});
-    }
-    return nullptr;
-}
-
-}  // namespace
-
-std::vector<element*> element::children(const char* name, const char* attribute,
-                                        const char* value) const {
-    std::vector<element*> out;
-    try {
-        find_descendant(*this, [&](element* e) {
-            if (matches(*e, name, attribute, value)) out.push_back(e);
-            return false;
-        });
-    } catch (...) {  // out of memory: what was found so far
-    }
-    return out;
-}
-
-element* element::first_child() const {
-    return child_elements.empty() ? nullptr : child_elements.front();
-}
-
-element* element::first_child(const char* name, const char* attribute, const char* value) const {
-    try {
-        return find_descendant(*this, [&](element* e) { return matches(*e, name, attribute, value); });
-    } catch (...) {
-        return nullptr;
-    }
-}
-
-element* element::child(const char* id) const {
-    if (!id) return nullptr;
-    try {
-        return find_descendant(*this, [&](element* e) {
-            return std::strcmp(attribute_or_empty(*e, "id"), id) == 0;
-        });
-    } catch (...) {
-        return nullptr;
-    }
-}
-
-element* document::elem(const char* id) const {
-    return root ? root->child(id) : nullptr;
-}
-
-std::vector<element*> document::elems(const char* name) const {
-    return root ? root->children(name, nullptr, nullptr) : std::vector<element*>();
-}
-
-std::vector<element*> document::elems(const char* attribute, const char* value) const {
-    return root ? root->children(nullptr, attribute, value) : std::vector<element*>();
-}
-
-std::vector<element*> document::elems(const char* name, const char* attribute, const char* value) const {
-    return root ? root->children(name, attribute, value) : std::vector<element*>();
-}
-
-// ---------------------------------------------------------------- serialiser
-
-void dump_tab(std::ostream& os) {
-    for (int i = 0; i < g_nested_element_level; ++i) os << "   ";
-}
-
-namespace {
-
-// Puts the nesting level back as it was, also when the stream throws.
-struct keep_level {
-    int saved = g_nested_element_level;
-    keep_level() = default;
-    keep_level(const keep_level&) = delete;
-    keep_level& operator=(const keep_level&) = delete;
-    ~keep_level() { g_nested_element_level = saved; }
-};
-
-// Writes the start of e's line; true when its children follow on lines of
-// their own (then only ">" and the end of line are written).
-bool dump_opening(const element& e, std::ostream& os) {
-    const bool declaration = e.name == "xml";
-    if (declaration) {
-        os << "<?xml";
-    } else {
-        dump_tab(os);
-        os << '<' << e.name;
-    }
-    auto id = e.attributes.find("id");
-    if (id != e.attributes.end()) os << "  id=\"" << id->second << '"';
-    for (const auto& attribute : e.attributes)
-        if (attribute.first != "id") os << "  " << attribute.first << "=\"" << attribute.second << '"';
-
-    if (!e.text.empty()) {
-        os << '>' << e.text << "</" << e.name << '>' << std::endl;
-        return false;
-    }
-    if (!e.child_elements.empty()) {
-        os << '>' << std::endl;
-        return true;
-    }
-    os << (declaration ? "?>" : "/>") << std::endl;
-    return false;
-}
-
-}  // namespace
-
-void element::dump(std::ostream& os) const {
-    // Elements whose children are being written, each with the next child,
-    // kept on the heap so that any depth of tree is safe.
-    struct level {
-        const element* e;
-        size_t next;
-    };
-    keep_level keep;
-    try {
-        std::vector<level> open;
-        const element* e = this;
-        while (e) {
-            if (dump_opening(*e, os)) {
-                ++g_nested_element_level;
-                open.push_back({e, 0});
-            }
-            e = nullptr;
-            while (!e && !open.empty()) {
-                level& l = open.back();
-                if (l.next < l.e->child_elements.size()) {
-                    e = l.e->child_elements[l.next++];
-                    continue;
-                }
-                --g_nested_element_level;
-                dump_tab(os);
-                os << "</" << l.e->name << '>' << std::endl;
-                open.pop_back();
-            }
-        }
-    } catch (const std::bad_alloc&) {  // out of memory: the output stops, the stream says so
-        os.setstate(std::ios::badbit);
-    }
-}
-
-void document::dump(std::ostream& os) const {
-    g_nested_element_level = 0;
-    element::dump(os);
-    if (root) root->dump(os);
 }
 
 }  // namespace xml
