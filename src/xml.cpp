@@ -545,6 +545,14 @@ struct text_keeper {
     }
 };
 
+// Whether the NUL-terminated name equals the element's name; inline, as
+// names are short and a library call per end tag costs more than the loop.
+XML_INLINE bool is_name(const std::string& expected, const char* name) {
+    size_t i = 0;
+    while (i < expected.size() && expected[i] == name[i]) ++i;
+    return i == expected.size() && name[i] == '\0';
+}
+
 // One parse over a document's tokenizer with its name and value buffers.
 struct parser {
     document& doc;
@@ -661,7 +669,7 @@ struct parser {
                 if (token == 'c') continue;
                 if (token != 'e') break;
                 if (read_token(c, name, name_size) != 'n' ||
-                    std::strcmp(open.levels.back().e->name.c_str(), name) != 0 ||
+                    !is_name(open.levels.back().e->name, name) ||
                     read_token(c, nullptr, 0) != '>' || !open.close())
                     return false;
             }
