@@ -512,17 +512,19 @@ namespace {
 // An element's text content as get_text with a buffer of text_size bytes
 // followed by a copy into the element gives it: at most text_size - 2
 // characters, one warning when more come, and the text ends at its first NUL.
-// The characters gather in a small chunk on the stack and are appended to
-// the element's text from there, so no text buffer is needed.
+// The characters gather in a small chunk and are appended to the element's
+// text from there, so no text buffer is needed. The chunk lies outside the
+// keeper, so that the keeper's counts can stay in registers.
+constexpr int text_chunk_size = 256;
 struct text_keeper {
     std::string& text;
+    char* chunk;  // text_chunk_size bytes
     int counted = 0;
+    int in_chunk = 0;
     bool warned = false;
     bool cut = false;  // a NUL came: nothing more is kept
-    int in_chunk = 0;
-    char chunk[256];
 
-    explicit text_keeper(std::string& t) : text(t) {}
+    text_keeper(std::string& t, char* c) : text(t), chunk(c) {}
     XML_INLINE void operator()(char ch) {
         if (counted >= text_size - 2) {
             if (!warned) {
@@ -537,9 +539,9 @@ struct text_keeper {
             return;
         }
         chunk[in_chunk++] = ch;
-        if (in_chunk == static_cast<int>(sizeof chunk)) flush();
+        if (in_chunk == text_chunk_size) flush();
     }
-    void flush() {
+    XML_INLINE void flush() {
         text.append(chunk, static_cast<size_t>(in_chunk));
         in_chunk = 0;
     }
@@ -560,6 +562,7 @@ struct parser {
     element_blocks blocks;
     char name[name_size];
     char value[value_size];
+    char text_chunk[text_chunk_size];
 
     explicit parser(document& d) : doc(d), in(d.input) {}
 
@@ -652,7 +655,7 @@ struct parser {
                 // begin with "<".
                 const bool always_text = e->name.size() == 4 && (e->name == "data" || e->name == "text");
                 if (always_text || c.look_ahead() != '<') {
-                    text_keeper keep(e->text);
+                    text_keeper keep(e->text, text_chunk);
                     read_text(c, keep);
                     keep.flush();
                     text_read = true;
