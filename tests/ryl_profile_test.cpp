@@ -6,6 +6,8 @@
 #include <link.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <climits>
 #include <fstream>
 #include <set>
 #include <nlohmann/json.hpp>
@@ -218,8 +220,9 @@ TEST(ryl_profile, programs_of_known_shape_under_ryl_run) {
         std::set<std::string> functions;  // of the task kinds
         size_t lines;            // task constructs (a construct inlined twice has two sites); 0: no lines
     } cases[] = {
-        // Tasks of ~20 ms: a chain of 8 stays the longest path unless one
-        // independent task is held off its CPU for over 140 ms.
+        // Chain tasks of ~20 ms beside independent ones of ~5 ms: the chain
+        // stays the longest path unless one independent task is held off its
+        // CPU for over 150 ms (a loaded machine: the case is run again).
         {{RYL_OMP_SHAPES, "chain", "100"}, -1, {"chain"}, 2},
         {{RYL_OMP_SHAPES, "nested"}, 126, {"tree"}, 2},
         {{RYL_OMP_SHAPES, "untied"}, 126, {"untied_tree"}, 2},
@@ -231,22 +234,31 @@ TEST(ryl_profile, programs_of_known_shape_under_ryl_run) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.program[1] + (c.program[0] == bare ? " without debug information" : ""));
+        const bool chain = c.program[1] == "chain";
         const std::string dir = ::testing::TempDir() + "ryl_profile_shape";
-        run_program({"rm", "-rf", dir}, {});
-        std::vector<std::string> args = {RYL_TOOL, "run", "-o", dir, "--"};
-        args.insert(args.end(), c.program.begin(), c.program.end());
-        const child_result run = run_program(args, {{"OMP_NUM_THREADS", "2"}});
         int created = c.created;
-        if (created < 0) {
-            ASSERT_EQ(run.status, 0) << run.err;
-            const size_t at = run.out.find("created ");
-            ASSERT_NE(at, std::string::npos) << run.out;
-            created = std::atoi(run.out.c_str() + at + 8);
+        nlohmann::json j;
+        for (int attempt = 1;; ++attempt) {
+            run_program({"rm", "-rf", dir}, {});
+            std::vector<std::string> args = {RYL_TOOL, "run", "-o", dir, "--"};
+            args.insert(args.end(), c.program.begin(), c.program.end());
+            const child_result run = run_program(args, {{"OMP_NUM_THREADS", "2"}});
+            if (c.created < 0) {
+                ASSERT_EQ(run.status, 0) << run.err;
+                const size_t at = run.out.find("created ");
+                ASSERT_NE(at, std::string::npos) << run.out;
+                created = std::atoi(run.out.c_str() + at + 8);
+            }
+            EXPECT_NE(run.out.find(" " + std::to_string(created) + " explicit tasks"), std::string::npos) << run.out;
+            const child_result r = ryl({"profile", dir, "--json"});
+            ASSERT_EQ(r.status, 0) << r.err;
+            j = nlohmann::json::parse(r.out);
+            // Which path is longest depends on the machine's load; everything
+            // else must hold on the first run.
+            int first_line = INT_MAX;
+            for (const auto& k : j["task_kinds"]) first_line = std::min(first_line, k["line"].get<int>());
+            if (!chain || attempt == 3 || j["critical_path"][0]["line"] == first_line) break;
         }
-        EXPECT_NE(run.out.find(" " + std::to_string(created) + " explicit tasks"), std::string::npos) << run.out;
-        const child_result r = ryl({"profile", dir, "--json"});
-        ASSERT_EQ(r.status, 0) << r.err;
-        const nlohmann::json j = nlohmann::json::parse(r.out);
         EXPECT_EQ(j["tasks_created"], created);
         std::set<int> lines;
         std::set<std::string> functions;
@@ -265,7 +277,7 @@ TEST(ryl_profile, programs_of_known_shape_under_ryl_run) {
         EXPECT_EQ(functions, c.functions) << j["task_kinds"];
         EXPECT_EQ(lines.size(), c.lines ? c.lines : 1) << j["task_kinds"];
         EXPECT_EQ(counted, created);
-        if (c.program[1] == "chain") {
+        if (chain) {
             // The chain's construct comes first in the source; its kind is
             // the one on the critical path, and the span is the chain.
             EXPECT_EQ(j["critical_path"][0]["line"], *lines.begin()) << j["critical_path"];
