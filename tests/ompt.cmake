@@ -34,9 +34,13 @@ endif()
 if(RYL_CLANG AND NOT CMAKE_SIZEOF_VOID_P EQUAL 4)
   set(_shapes ${CMAKE_CURRENT_BINARY_DIR}/omp_shapes)
   set(_plugin ${CMAKE_CURRENT_BINARY_DIR}/libryl_test_plugin.so)
-  add_custom_command(OUTPUT ${_shapes} ${_plugin}
+  # Also built from a relative source path, as make-based builds do: DWARF 5
+  # then gives the functions of the file the file number 0.
+  add_custom_command(OUTPUT ${_shapes} ${_shapes}_relative ${_plugin}
     COMMAND ${RYL_CLANG} -fopenmp -fPIE -pie -O1 -g -Wall -o ${_shapes}
             ${CMAKE_CURRENT_SOURCE_DIR}/programs/omp_shapes.c -ldl
+    COMMAND ${CMAKE_COMMAND} -E chdir ${CMAKE_CURRENT_SOURCE_DIR}/programs
+            ${RYL_CLANG} -fopenmp -fPIE -pie -O1 -g -Wall -o ${_shapes}_relative omp_shapes.c -ldl
     COMMAND ${RYL_CLANG} -fopenmp -shared -fPIC -g -o ${_plugin} ${CMAKE_CURRENT_SOURCE_DIR}/programs/plugin.c
     DEPENDS programs/omp_shapes.c programs/plugin.c
     COMMENT "Building the OpenMP test programs with clang -fopenmp"

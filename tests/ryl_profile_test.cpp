@@ -213,6 +213,7 @@ TEST(ryl_profile, resolves_sites_through_the_objects_file) {
 // span is the chain, its work all the tasks.
 TEST(ryl_profile, programs_of_known_shape_under_ryl_run) {
     const std::string bare = ::testing::TempDir() + "omp_shapes_without_debug_info";
+    const std::string relative = RYL_OMP_SHAPES "_relative";  // compiled from a relative source path
     ASSERT_EQ(run_program({"objcopy", "--strip-debug", RYL_OMP_SHAPES, bare}, {}).status, 0);
     const struct {
         std::vector<std::string> program;
@@ -230,10 +231,11 @@ TEST(ryl_profile, programs_of_known_shape_under_ryl_run) {
         {{RYL_OMP_SHAPES, "nested_parallel"}, 4, {"nested_parallel"}, 1},
         {{RYL_OMP_SHAPES, "dlopen", RYL_TEST_PLUGIN, "tasks"}, 130, {"tree", "ryl_test_plugin_tasks"}, 3},
         {{RYL_OMP_SHAPES, "killed"}, 126, {"tree"}, 2},
+        {{relative, "taskgroup"}, 16, {"taskgroup"}, 2},
         {{bare, "nested"}, 126, {"tree", ".omp_outlined."}, 0},  // symbols only: the outlined body is its own
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.program[1] + (c.program[0] == bare ? " without debug information" : ""));
+        SCOPED_TRACE(c.program[0] + " " + c.program[1]);
         const bool chain = c.program[1] == "chain";
         const std::string dir = ::testing::TempDir() + "ryl_profile_shape";
         int created = c.created;

@@ -56,20 +56,46 @@ Dwarf_Die* unit_of(Dwfl_Module* module, Dwarf_Addr address, Dwarf_Addr& bias) {
     return nullptr;
 }
 
+// A file name of the unit's line table as a path: a relative one (the
+// compiler was given a relative source path) is taken from the unit's
+// compilation directory.
+std::string unit_path(Dwarf_Die* unit, const char* file) {
+    if (!file || file[0] == '/') return file ? file : "";
+    Dwarf_Attribute attribute;
+    const char* dir = dwarf_formstring(dwarf_attr(unit, DW_AT_comp_dir, &attribute));
+    return dir && *dir ? std::string(dir) + "/" + file : file;
+}
+
+// The file a subprogram is declared in. dwarf_decl_file refuses file number
+// 0, which DWARF 5 gives the unit's primary source file: clang names every
+// function of a file compiled by a relative path so.
+std::string decl_path(Dwarf_Die* unit, Dwarf_Files* files, size_t count, Dwarf_Die* die) {
+    Dwarf_Attribute attribute;
+    Dwarf_Word index = 0;
+    if (!files || dwarf_formudata(dwarf_attr_integrate(die, DW_AT_decl_file, &attribute), &index) != 0 ||
+        index >= count)
+        return std::string();
+    return unit_path(unit, dwarf_filesrc(files, index, nullptr, nullptr));
+}
+
 // A body the compiler outlined (".omp_outlined..14") is no scope of the
 // function it came from: that function is the one of the unit declared last
 // before the line, in the same file.
 void enclosing_by_line(Dwarf_Die* unit, code_location& where) {
     if (where.file.empty() || where.line == 0) return;
+    Dwarf_Files* files = nullptr;
+    size_t file_count = 0;
+    if (dwarf_getsrcfiles(unit, &files, &file_count) != 0) return;
     Dwarf_Die child;
     if (dwarf_child(unit, &child) != 0) return;
     int best_line = 0;
     do {
         if (dwarf_tag(&child) != DW_TAG_subprogram) continue;
         const char* name = dwarf_diename(&child);
-        const char* file = dwarf_decl_file(&child);
         int line = 0;
-        if (!name || name[0] == '.' || !file || where.file != file || dwarf_decl_line(&child, &line) != 0) continue;
+        if (!name || name[0] == '.' || dwarf_decl_line(&child, &line) != 0 ||
+            decl_path(unit, files, file_count, &child) != where.file)
+            continue;
         if (line <= int(where.line) && line > best_line) {
             best_line = line;
             Dwarf_Attribute attribute;
@@ -86,7 +112,7 @@ void enclosing_by_line(Dwarf_Die* unit, code_location& where) {
 void locate_in_unit(Dwarf_Die* unit, Dwarf_Addr address, code_location& where) {
     if (Dwarf_Line* line = dwarf_getsrc_die(unit, address)) {
         int line_number = 0;
-        if (const char* file = dwarf_linesrc(line, nullptr, nullptr)) where.file = file;
+        if (const char* file = dwarf_linesrc(line, nullptr, nullptr)) where.file = unit_path(unit, file);
         if (dwarf_lineno(line, &line_number) == 0 && line_number > 0) where.line = unsigned(line_number);
     }
     Dwarf_Die* scopes = nullptr;
