@@ -254,7 +254,8 @@ TEST(ryl_graph, clusters_nodes_ports_and_labelled_relations) {
     text.replace(text.find(field("node")), field("node").size(), field(odd));
     text.replace(text.find(field(4), text.find(field(33))), field(4).size(), field(odd.size()));
     write(dir.path + "/_ryl.0", text);
-    const child_result png = ryl({"graph", dir.path, "-o", dir.path + "/g.dot", "--png"});
+    // -o naming the picture: the DOT text goes beside it.
+    const child_result png = ryl({"graph", dir.path, "-o", dir.path + "/g.png", "--png"});
     ASSERT_EQ(0, png.status) << png.err;
     EXPECT_NE(std::string::npos, read_file(dir.path + "/g.dot").find("node\\\\\\\" <&amp;amp; \xEF\xBF\xBD\\n}"));
     EXPECT_TRUE(file_exists(dir.path + "/g.png"));

@@ -434,18 +434,27 @@ int graph_command(const std::vector<std::string>& args) {
             return exit_error;
         }
     }
+    // With a picture: -o FILE.dot gives FILE.svg beside it; -o FILE.svg
+    // names the picture, and the DOT text goes to FILE.dot.
+    std::string dot_path = cl.out, picture, format;
+    if (pictures) {
+        format = (cl.flags[0] == "--relations" ? cl.flags[1] : cl.flags[0]).substr(2);
+        const auto ends_with = [](const std::string& s, const std::string& tail) {
+            return s.size() > tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
+        };
+        if (ends_with(cl.out, "." + format)) {
+            picture = cl.out;
+            dot_path = cl.out.substr(0, cl.out.size() - format.size()) + "dot";
+        } else {
+            picture = (ends_with(cl.out, ".dot") ? cl.out.substr(0, cl.out.size() - 4) : cl.out) + "." + format;
+        }
+    }
     output out;
-    if (!open_output(out, cl.out)) return exit_error;
+    if (!open_output(out, dot_path)) return exit_error;
     std::fwrite(text.data(), 1, text.size(), out.file);
     if (!close_output(out)) return exit_error;
     if (!pictures) return exit_ok;
-
-    const std::string format = (cl.flags[0] == "--relations" ? cl.flags[1] : cl.flags[0]).substr(2);
-    std::string picture = cl.out;
-    const size_t dot = picture.rfind(".dot");
-    if (dot != std::string::npos && dot + 4 == picture.size()) picture.erase(dot);
-    picture += "." + format;
-    return render(cl.out, format, picture);
+    return render(dot_path, format, picture);
 }
 
 }  // namespace ryl
