@@ -9,6 +9,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -100,6 +101,16 @@ ryl_collector::ryl_collector() {
     if (const char* dir = getenv("VUN_DIR")) directory = dir;
     mode = mode_from_environment();
     load_time = timestamp_now();
+    // ryl run states when its run began: files modified since then belong to
+    // processes of the run that have ended already, and are never taken over.
+    if (const char* start = getenv("VUN_RUN_START")) {
+        char* end = nullptr;
+        errno = 0;
+        const unsigned long long value = strtoull(start, &end, 10);
+        if (*start >= '0' && *start <= '9' && end && !*end && errno == 0 && value > 0 &&
+            value < static_cast<unsigned long long>(load_time))
+            load_time = static_cast<long long>(value);
+    }
     enable_asymmetric_barriers();
     std::lock_guard<std::mutex> lock(mutex);
     if (unsigned n = std::thread::hardware_concurrency()) initial_writers = int(n);

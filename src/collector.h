@@ -52,7 +52,7 @@ public:
     std::mutex directory_mutex;  // guards the choice of the run directory
     std::string directory;
     write_mode mode = write_mode::stream;  // from VUN_MODE
-    long long load_time = 0;  // files modified since then belong to this run
+    long long load_time = 0;  // files modified since then belong to this run (VUN_RUN_START, else the load)
     int initial_writers = 8;
     int next_file_number = 0;
     std::list<trace_writer_wrapper*> wrappers;

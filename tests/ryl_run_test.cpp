@@ -55,13 +55,30 @@ TEST(ryl_run, exit_statuses) {
 }
 
 #ifdef RYL_THREADS_EXAMPLE
+// Once, and twice one after the other from a shell: the second process
+// keeps to files of its own, so the run holds twice the records.
 TEST(ryl_run, threads_example) {
     temp_dir dir;
-    const child_result r = ryl({"run", "-o", dir.path + "/run", "--", RYL_THREADS_EXAMPLE});
-    ASSERT_EQ(0, r.status) << r.err;
-    for (const char* line : {"domains (1): \"example\"\n", "string handles (4): \"note\", \"size\", \"step\", \"work\"\n",
-                             "relations: 3 of kind 5\n", "  tasks: 4 begun, 4 ended\n"})
-        EXPECT_TRUE(has(r.out, line)) << line << r.out;
+    const std::string twice = std::string(RYL_THREADS_EXAMPLE) + " && " + RYL_THREADS_EXAMPLE;
+    long records[2] = {0, 0};
+    for (const int runs : {1, 2}) {
+        std::vector<std::string> args = {"run", "-o", dir.path + "/run" + std::to_string(runs), "--"};
+        if (runs == 1) args.push_back(RYL_THREADS_EXAMPLE);
+        else args.insert(args.end(), {"sh", "-c", twice});
+        const child_result r = ryl(args);
+        ASSERT_EQ(0, r.status) << r.err;
+        const size_t at = r.out.find(" trace files, ");
+        ASSERT_NE(std::string::npos, at) << r.out;
+        records[runs - 1] = std::atol(r.out.c_str() + at + 14);
+        size_t files = 0;
+        for (size_t f = 0; (f = r.out.find("  tasks: 4 begun, 4 ended\n", f)) != std::string::npos; ++f) ++files;
+        EXPECT_EQ(size_t(3 * runs), files) << r.out;
+        if (runs == 2) continue;
+        for (const char* line : {"domains (1): \"example\"\n", "string handles (4): \"note\", \"size\", \"step\", \"work\"\n",
+                                 "relations: 3 of kind 5\n"})
+            EXPECT_TRUE(has(r.out, line)) << line << r.out;
+    }
+    EXPECT_EQ(2 * records[0], records[1]);
 }
 #endif
 

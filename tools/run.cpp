@@ -142,6 +142,11 @@ pid_t start(const std::vector<std::string>& command, const std::string& library,
         error_line(std::string("cannot start ") + command[0] + ": " + std::strerror(errno));
         return -1;
     }
+    // When the run began, by the clock that file times come from (the coarse
+    // one), so that no file the run writes looks older.
+    timespec began;
+    clock_gettime(CLOCK_REALTIME_COARSE, &began);
+    const std::string run_start = std::to_string(began.tv_sec * 1000000000LL + began.tv_nsec);
     std::fflush(stdout);
     std::fflush(stderr);
     const pid_t pid = ::fork();
@@ -150,6 +155,7 @@ pid_t start(const std::vector<std::string>& command, const std::string& library,
         ::sigaction(SIGINT, &old_int, nullptr);
         ::sigaction(SIGQUIT, &old_quit, nullptr);
         ::setenv("VUN_DIR", dir.c_str(), 1);
+        ::setenv("VUN_RUN_START", run_start.c_str(), 1);
         set_default("VUN_MODE", settings.stream ? "stream" : "mapped", settings.stream);
         set_default("VUN_OPENMP", settings.plain ? "plain" : "detailed", settings.plain);
         prepend("LD_PRELOAD", library, ':');
