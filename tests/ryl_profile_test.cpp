@@ -232,6 +232,8 @@ TEST(ryl_profile, programs_of_known_shape_under_ryl_run) {
         {{RYL_OMP_SHAPES, "dlopen", RYL_TEST_PLUGIN, "tasks"}, 130, {"tree", "ryl_test_plugin_tasks"}, 3},
         {{RYL_OMP_SHAPES, "killed"}, 126, {"tree"}, 2},
         {{relative, "taskgroup"}, 16, {"taskgroup"}, 2},
+        // Two processes one after the other, whose task ids are counted alike.
+        {{"sh", "-c", RYL_OMP_SHAPES " taskgroup && " RYL_OMP_SHAPES " nested"}, 142, {"taskgroup", "tree"}, 4},
         {{bare, "nested"}, 126, {"tree", ".omp_outlined."}, 0},  // symbols only: the outlined body is its own
     };
     for (const auto& c : cases) {

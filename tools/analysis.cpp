@@ -5,7 +5,10 @@
 #include "analysis.h"
 
 #include <algorithm>
+#include <set>
 #include <unordered_map>
+
+#include "symbols.h"
 
 namespace ryl {
 
@@ -47,7 +50,7 @@ struct state {
     analysis& out;
     interval_visitor* visitor;
     std::unordered_map<uint64_t, interval_kind> kind_by_handle;
-    uint64_t thread_num_key = 0;
+    std::set<uint64_t> thread_num_keys;  // one string handle per process
     std::unordered_map<uint64_t, uint32_t> node_of_task;    // explicit and implicit tasks by id word
     std::unordered_map<uint64_t, uint32_t> node_of_region;  // parallel regions by id word
     std::unordered_map<uint64_t, uint64_t> region_site;     // region id word -> code address
@@ -76,7 +79,7 @@ void learn_name(state& s, uint64_t handle, const std::string& name) {
     const interval_kind k = kind_of_task_name(name);
     if (k != interval_kind::other) s.kind_by_handle.emplace(handle, k), s.out.openmp = true;
     if (name == "omp_taskwait" || name == "omp_taskgroup") s.out.detailed = true;
-    if (name == "thread_num" && !s.thread_num_key) s.thread_num_key = handle;
+    if (name == "thread_num") s.thread_num_keys.insert(handle);
 }
 
 interval_kind kind_of(const state& s, uint64_t handle) {
@@ -313,7 +316,7 @@ void on_record(state& s, thread_stats& t, std::vector<open_interval>& stack, uin
     case kind_metadata: {
         const id3& id = rec.fields[1].id;
         if (!s.out.names.strings.count(rec.fields[2].number)) s.early_use = true;
-        if (s.thread_num_key && rec.fields[2].number == s.thread_num_key) {
+        if (s.thread_num_keys.count(rec.fields[2].number)) {
             t.thread_num = long(rec.fields[5].number);
             const auto node = s.node_of_task.find(id.a);
             if (node != s.node_of_task.end()) s.nodes[node->second].thread = uint32_t(rec.fields[5].number);
@@ -484,6 +487,33 @@ uint64_t region_stats::imbalance_ns() const {
 
 namespace {
 
+// The id fields of a record XOR-ed with salt (once to salt, again to undo).
+void salt_ids(record& rec, uint64_t salt) {
+    if (rec.kind < 0 || rec.kind >= trace_format::kind_count) return;
+    const auto& types = trace_format::record_kinds[rec.kind].fields;
+    for (int i = 0; i < trace_format::max_fields && types[i] != trace_format::field_type::none; ++i)
+        if (types[i] == trace_format::field_type::id) rec.fields[i].id.a ^= salt;
+}
+
+// A salt for every process that its objects file names, when the run
+// directories of files hold more than one.
+void assign_salts(const std::vector<trace_path>& files, analysis& result) {
+    std::set<std::string> dirs;
+    for (const trace_path& p : files) {
+        const size_t cut = p.path.size() >= p.name.size() + 1 ? p.path.size() - p.name.size() - 1 : 0;
+        dirs.insert(cut ? p.path.substr(0, cut) : ".");
+    }
+    uint64_t index = 0;
+    for (const std::string& dir : dirs) {
+        const std::vector<process_objects> processes = read_objects_files(dir);
+        if (processes.size() < 2) continue;
+        for (const process_objects& process : processes) {
+            ++index;
+            for (unsigned long file : process.files) result.salt_of_file[file] = index * 0x9E3779B97F4A7C15ULL;
+        }
+    }
+}
+
 // One pass; with names_first the names of every file are read before.
 bool analyse_pass(const std::vector<trace_path>& files, analysis& result, interval_visitor* visitor,
                   bool names_first, bool& early_use) {
@@ -508,11 +538,14 @@ bool analyse_pass(const std::vector<trace_path>& files, analysis& result, interv
         s.last_region = 0;
         uint64_t depth = 0;
         record rec;
+        const uint64_t salt = result.salt(p.number);
         while (next_record(f, rec) == read_status::record) {
             ++t.records;
             if (t.first == UINT64_MAX) t.first = rec.timestamp;
             t.last = std::max(t.last, rec.timestamp);
+            if (salt) salt_ids(rec, salt);
             on_record(s, t, stack, depth, rec, p.number);
+            if (salt) salt_ids(rec, salt);
             if (visitor) visitor->on_record(p.number, rec);
         }
         t.left_open = depth;
@@ -601,11 +634,13 @@ bool analyse_run(const std::vector<trace_path>& files, analysis& result, interva
     // rule; a run whose names come in a later file than their first use is
     // read again with every name known (without a visitor, which has seen it).
     bool early_use = false;
+    assign_salts(files, result);
     if (!analyse_pass(files, result, visitor, false, early_use)) return false;
     if (!early_use || visitor) return true;
     const bool keep_ids = result.keep_ids;
     result = analysis();
     result.keep_ids = keep_ids;
+    assign_salts(files, result);
     return analyse_pass(files, result, nullptr, true, early_use);
 }
 

@@ -118,6 +118,16 @@ struct analysis {
     std::vector<std::pair<uint64_t, uint64_t>> dependence_ids;
     // Outermost regions one after the other on a thread, by (site, next site).
     std::map<std::pair<uint64_t, uint64_t>, uint64_t> followed_edges;
+    // Processes sharing the run directory count their task and region ids
+    // alike: the model tells them apart by XOR-ing each id word with a salt
+    // of the writing process (from the objects files; 0 in a run of one
+    // process and for files no objects file names). The id words of
+    // task_site, region_site and dependence_ids are salted so.
+    std::unordered_map<unsigned long, uint64_t> salt_of_file;
+    uint64_t salt(unsigned long file) const {
+        const auto it = salt_of_file.find(file);
+        return it == salt_of_file.end() ? 0 : it->second;
+    }
 };
 
 // Reads the trace files of a run directory once each, in file-number order;

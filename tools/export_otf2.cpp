@@ -125,16 +125,20 @@ bool export_file(OTF2_Archive* archive, definitions& d, const name_table& names,
         if (rec.kind == kind_task_begin) {
             const std::string& recorded = string_name(names, rec.fields[3].number);
             const OTF2_RegionRef region = region_ref(
-                d, recorded, namer ? source_of(*namer, recorded, rec.fields[1].id, rec.fields[2].id) : nullptr);
+                d, recorded, namer ? source_of(*namer, recorded, p.number, rec.fields[1].id, rec.fields[2].id) : nullptr);
             OTF2_AttributeValue v;
             v.uint64 = rec.fields[1].id.a;
             OTF2_AttributeList_AddAttribute(attributes, attribute_id, OTF2_TYPE_UINT64, v);
             v.uint64 = rec.fields[2].id.a;
             OTF2_AttributeList_AddAttribute(attributes, attribute_parent, OTF2_TYPE_UINT64, v);
             if (namer && !namer->predecessors.empty()) {
-                const auto preds = namer->predecessors.find(rec.fields[1].id.a);
+                // The model's ids carry the process's salt; the attributes the ids as written.
+                const uint64_t salt = namer->a.salt(p.number);
+                const auto preds = namer->predecessors.find(rec.fields[1].id.a ^ salt);
                 if (preds != namer->predecessors.end()) {
-                    v.stringRef = string_ref(d, id_list(preds->second));
+                    std::vector<uint64_t> ids = preds->second;
+                    for (uint64_t& id : ids) id ^= salt;
+                    v.stringRef = string_ref(d, id_list(std::move(ids)));
                     OTF2_AttributeList_AddAttribute(attributes, attribute_depends_on, OTF2_TYPE_STRING, v);
                 }
             }

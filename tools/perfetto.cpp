@@ -119,11 +119,13 @@ int write_perfetto_timeline(const std::string& dir, const std::vector<trace_path
             last = std::max(last, rec.timestamp);
             if (rec.kind == kind_task_begin) {
                 const std::string& recorded = string_name(names, rec.fields[3].number);
-                const source_name* source = namer ? source_of(*namer, recorded, rec.fields[1].id, rec.fields[2].id) : nullptr;
+                const source_name* source =
+                    namer ? source_of(*namer, recorded, p.number, rec.fields[1].id, rec.fields[2].id) : nullptr;
                 const std::vector<uint64_t>*out_flows = nullptr, *in_flows = nullptr;
                 if (namer && recorded == "omp_explicit") {
-                    out_flows = take(namer->arrows_out, rec.fields[1].id.a, flows_out);
-                    in_flows = take(namer->arrows_in, rec.fields[1].id.a, flows_in);
+                    const uint64_t task = rec.fields[1].id.a ^ namer->a.salt(p.number);
+                    out_flows = take(namer->arrows_out, task, flows_out);
+                    in_flows = take(namer->arrows_in, task, flows_in);
                 }
                 slice(w, track, last, true, source ? source->function : recorded, out_flows, in_flows);
                 ++depth;

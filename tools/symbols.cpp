@@ -165,6 +165,26 @@ bool read_objects_file(const std::string& path, process_objects& objects) {
     return true;
 }
 
+std::vector<process_objects> read_objects_files(const std::string& dir) {
+    std::vector<process_objects> processes;
+    DIR* d = opendir(dir.c_str());
+    if (!d) return processes;
+    std::vector<std::string> names;
+    while (dirent* entry = readdir(d)) {
+        const std::string name = entry->d_name;
+        if (name.compare(0, 8, "objects.") == 0 && name.size() > 8 &&
+            name.find_first_not_of("0123456789", 8) == std::string::npos)
+            names.push_back(name);
+    }
+    closedir(d);
+    std::sort(names.begin(), names.end());
+    for (const std::string& name : names) {
+        process_objects objects;
+        if (read_objects_file(dir + "/" + name, objects)) processes.push_back(std::move(objects));
+    }
+    return processes;
+}
+
 // The libdw view of one process, with the locations found so far.
 struct symbolizer::process_state {
     Dwfl* dwfl = nullptr;
@@ -186,20 +206,7 @@ bool symbolizer::load(const std::string& dir_or_file) {
         const size_t slash = dir.rfind('/');
         dir = slash == std::string::npos ? "." : dir.substr(0, slash == 0 ? 1 : slash);
     }
-    DIR* d = opendir(dir.c_str());
-    if (!d) return false;
-    std::vector<std::string> names;
-    while (dirent* entry = readdir(d)) {
-        const std::string name = entry->d_name;
-        if (name.compare(0, 8, "objects.") == 0 && name.size() > 8 &&
-            name.find_first_not_of("0123456789", 8) == std::string::npos)
-            names.push_back(name);
-    }
-    closedir(d);
-    std::sort(names.begin(), names.end());
-    for (const std::string& name : names) {
-        process_objects objects;
-        if (!read_objects_file(dir + "/" + name, objects)) continue;
+    for (process_objects& objects : read_objects_files(dir)) {
         auto state = std::make_unique<process_state>();
         state->dwfl = dwfl_begin(&offline_callbacks);
         if (state->dwfl) {

@@ -37,6 +37,8 @@ struct process_objects {
 
 // Reads one objects file; false when it cannot be read or is not one.
 bool read_objects_file(const std::string& path, process_objects& objects);
+// The objects files of a run directory, in the order of their names.
+std::vector<process_objects> read_objects_files(const std::string& dir);
 
 // Addresses of one run directory turned into source locations through its
 // objects files and the objects' debug information. Without an objects file

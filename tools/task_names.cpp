@@ -19,18 +19,19 @@ bool load_task_names(task_namer& namer, const std::string& dir, const std::vecto
     return true;
 }
 
-const source_name* source_of(task_namer& namer, const std::string& recorded, const id3& id, const id3& parent) {
+const source_name* source_of(task_namer& namer, const std::string& recorded, unsigned long file, const id3& id,
+                             const id3& parent) {
     const std::unordered_map<uint64_t, uint64_t>* sites = nullptr;
     uint64_t key = 0;
     if (recorded == "omp_explicit") sites = &namer.a.task_site, key = id.a;
     if (recorded == "omp_implicit") sites = &namer.a.region_site, key = parent.a;
     if (recorded == "omp_parallel") sites = &namer.a.region_site, key = id.a;
     if (!sites) return nullptr;
-    const auto site = sites->find(key);
+    const auto site = sites->find(key ^ namer.a.salt(file));
     if (site == sites->end() || site->second == 0) return nullptr;
     const auto known = namer.by_site.find(site->second);
     if (known != namer.by_site.end()) return &known->second;
-    const code_location& where = namer.symbols.locate(site->second);
+    const code_location& where = namer.symbols.locate(site->second, file);
     source_name name;
     name.address = hex(site->second);
     name.function = where.function.empty() ? location_name(where, site->second) : without_parameters(where.function);

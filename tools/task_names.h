@@ -34,9 +34,10 @@ struct task_namer {
 // Reads the run once; false (message printed) when it cannot be read.
 bool load_task_names(task_namer& namer, const std::string& dir, const std::vector<trace_path>& files);
 
-// The source of a begun task of the recorded name ("omp_explicit" by its
-// creation site, "omp_implicit" and "omp_parallel" by their region's), or
-// null when there is none: the recorded name stays.
-const source_name* source_of(task_namer& namer, const std::string& recorded, const id3& id, const id3& parent);
+// The source of a task of the recorded name begun in trace file file
+// ("omp_explicit" by its creation site, "omp_implicit" and "omp_parallel" by
+// their region's), or null when there is none: the recorded name stays.
+const source_name* source_of(task_namer& namer, const std::string& recorded, unsigned long file, const id3& id,
+                             const id3& parent);
 
 }  // namespace ryl

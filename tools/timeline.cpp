@@ -105,7 +105,8 @@ void on_record(timeline& t, thread_state& th, const record& rec) {
         e["cat"] = domain_name(*t.names, rec.fields[0].number);
         e["args"] = {{"id", id_text(rec.fields[1].id)}, {"parent", id_text(rec.fields[2].id)},
                      {"cpu", static_cast<int64_t>(rec.fields[4].number)}};
-        const source_name* source = t.namer ? source_of(*t.namer, recorded, rec.fields[1].id, rec.fields[2].id) : nullptr;
+        const source_name* source =
+            t.namer ? source_of(*t.namer, recorded, th.tid, rec.fields[1].id, rec.fields[2].id) : nullptr;
         if (source) {
             e["name"] = source->function;
             e["args"]["kind"] = recorded;
@@ -113,7 +114,7 @@ void on_record(timeline& t, thread_state& th, const record& rec) {
             if (!source->source.empty()) e["args"]["source"] = source->source;
         }
         emit(t, e);
-        if (t.namer && recorded == "omp_explicit") arrows(t, th, rec.fields[1].id.a);
+        if (t.namer && recorded == "omp_explicit") arrows(t, th, rec.fields[1].id.a ^ t.namer->a.salt(th.tid));
         break;
     }
     case kind_task_end:
