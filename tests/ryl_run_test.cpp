@@ -123,6 +123,12 @@ TEST(ryl_run, openmp_example_summary_timeline_and_graph) {
     EXPECT_EQ(2u, count(dot, "parallel region\\nmain (omp_tasks.c:")) << dot;
     EXPECT_EQ(5u, count(dot, "[label=\"created 1\"")) << dot;
     EXPECT_LE(3u, count(dot, "[label=\"depends 1\", style=dashed")) << dot;
+
+    // Twice from a shell: two processes whose task ids are alike, counted apart.
+    const std::string twice = std::string(RYL_OMP_EXAMPLE) + " && " + RYL_OMP_EXAMPLE;
+    const child_result r2 = ryl({"run", "-o", dir.path + "/run2", "--", "sh", "-c", twice}, {{"OMP_NUM_THREADS", "2,2"}});
+    ASSERT_EQ(0, r2.status) << r2.err << r2.out;
+    EXPECT_TRUE(has(r2.out, " (8 with dependences), 14 dependences (6 in, 8 out) on 6 variables, ")) << r2.out;
     if (run_program({"sh", "-c", "command -v dot"}, {}).status != 0) GTEST_SKIP() << "Graphviz dot is not installed";
     ASSERT_EQ(0, ryl({"graph", run_dir, "--relations", "-o", dir.path + "/graph.dot", "--svg"}).status);
     EXPECT_TRUE(has(read_file(dir.path + "/graph.svg"), "composite_node"));

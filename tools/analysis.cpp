@@ -495,9 +495,10 @@ void salt_ids(record& rec, uint64_t salt) {
         if (types[i] == trace_format::field_type::id) rec.fields[i].id.a ^= salt;
 }
 
-// A salt for every process that its objects file names, when the run
-// directories of files hold more than one.
-void assign_salts(const std::vector<trace_path>& files, analysis& result) {
+}  // namespace
+
+std::unordered_map<unsigned long, uint64_t> process_salts(const std::vector<trace_path>& files) {
+    std::unordered_map<unsigned long, uint64_t> salts;
     std::set<std::string> dirs;
     for (const trace_path& p : files) {
         const size_t cut = p.path.size() >= p.name.size() + 1 ? p.path.size() - p.name.size() - 1 : 0;
@@ -509,10 +510,13 @@ void assign_salts(const std::vector<trace_path>& files, analysis& result) {
         if (processes.size() < 2) continue;
         for (const process_objects& process : processes) {
             ++index;
-            for (unsigned long file : process.files) result.salt_of_file[file] = index * 0x9E3779B97F4A7C15ULL;
+            for (unsigned long file : process.files) salts[file] = index * 0x9E3779B97F4A7C15ULL;
         }
     }
+    return salts;
 }
+
+namespace {
 
 // One pass; with names_first the names of every file are read before.
 bool analyse_pass(const std::vector<trace_path>& files, analysis& result, interval_visitor* visitor,
@@ -634,13 +638,13 @@ bool analyse_run(const std::vector<trace_path>& files, analysis& result, interva
     // rule; a run whose names come in a later file than their first use is
     // read again with every name known (without a visitor, which has seen it).
     bool early_use = false;
-    assign_salts(files, result);
+    result.salt_of_file = process_salts(files);
     if (!analyse_pass(files, result, visitor, false, early_use)) return false;
     if (!early_use || visitor) return true;
     const bool keep_ids = result.keep_ids;
     result = analysis();
     result.keep_ids = keep_ids;
-    assign_salts(files, result);
+    result.salt_of_file = process_salts(files);
     return analyse_pass(files, result, nullptr, true, early_use);
 }
 

@@ -130,6 +130,10 @@ struct analysis {
     }
 };
 
+// The salt of every file whose process an objects file names, when the run
+// directories of files hold more than one process (see analysis::salt_of_file).
+std::unordered_map<unsigned long, uint64_t> process_salts(const std::vector<trace_path>& files);
+
 // Reads the trace files of a run directory once each, in file-number order;
 // false (message printed) when they cannot be read. visitor may be null.
 bool analyse_run(const std::vector<trace_path>& files, analysis& result, interval_visitor* visitor = nullptr);

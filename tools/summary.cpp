@@ -5,6 +5,7 @@
 #include <set>
 #include <unordered_map>
 
+#include "analysis.h"
 #include "ryl.h"
 #include "symbols.h"
 
@@ -68,7 +69,7 @@ void close_task(file_summary& fs, task_pairing& tp, uint64_t now) {
     if (!tp.open.empty()) tp.open.back().nested += duration;
 }
 
-void on_record(run_summary& run, file_summary& fs, task_pairing& tp, const record& rec) {
+void on_record(run_summary& run, file_summary& fs, task_pairing& tp, const record& rec, uint64_t salt) {
     ++fs.records;
     ++fs.by_kind[rec.kind];
     fs.first = std::min(fs.first, rec.timestamp);
@@ -102,8 +103,11 @@ void on_record(run_summary& run, file_summary& fs, task_pairing& tp, const recor
             // A task node has 1 as its second word; the other end is the variable.
             const bool out = rec.fields[1].id.b == 1;
             ++(out ? run.dependences_out : run.dependences_in);
-            run.variables.insert(out ? rec.fields[3].id : rec.fields[1].id);
-            run.dependent_tasks.insert(out ? rec.fields[1].id : rec.fields[3].id);
+            // Ids of several processes are told apart by their salts.
+            id3 variable = out ? rec.fields[3].id : rec.fields[1].id, task = out ? rec.fields[1].id : rec.fields[3].id;
+            variable.a ^= salt, task.a ^= salt;
+            run.variables.insert(variable);
+            run.dependent_tasks.insert(task);
         }
         break;
     }
@@ -260,13 +264,16 @@ int print_summary(const std::string& dir) {
     if (!list_trace_files(dir, files)) return exit_error;
     run_summary run;
     record rec;
+    const std::unordered_map<unsigned long, uint64_t> salts = process_salts(files);
     for (const trace_path& p : files) {
+        const auto salt = salts.find(p.number);
         trace_file f;
         if (!open_for_reading(f, p)) return exit_error;
         file_summary fs;
         fs.name = p.name;
         task_pairing tp;
-        while (next_record(f, rec) == read_status::record) on_record(run, fs, tp, rec);
+        while (next_record(f, rec) == read_status::record)
+            on_record(run, fs, tp, rec, salt == salts.end() ? 0 : salt->second);
         if (!done_reading(f, p, false)) return exit_error;
         fs.status = f.status;
         fs.problem = f.problem;
