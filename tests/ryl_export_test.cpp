@@ -144,6 +144,8 @@ TEST(ryl_export, otf2_round_trips) {
 #ifdef RYL_OMP_EXAMPLE
         // Regions by source: 3 parallel regions and 6 implicit tasks in main, 5 tasks in make_tasks.
         {{RYL_OMP_EXAMPLE}, {{"main", 9}, {"make_tasks", 5}}, 0},
+        // Twice from a shell: a location group per process of the directory.
+        {{"sh", "-c", RYL_OMP_EXAMPLE " && " RYL_OMP_EXAMPLE}, {{"main", 18}, {"make_tasks", 10}}, 0},
 #endif
         {{"sh", "-c", "kill -9 $$"}, {}, 137},
     };
@@ -168,6 +170,11 @@ TEST(ryl_export, otf2_round_trips) {
             EXPECT_NE(defs.find("(Aka. \"omp_explicit\" <"), std::string::npos) << defs;
             EXPECT_NE(defs.find("Role: TASK, Paradigm: OPENMP, Flags: NONE, File: \"omp_tasks.c\""), std::string::npos);
             EXPECT_NE(defs.find("Role: PARALLEL, Paradigm: OPENMP"), std::string::npos);
+            size_t processes = 0;
+            std::istringstream lines(defs);
+            for (std::string line; std::getline(lines, line);)
+                processes += line.rfind("LOCATION_GROUP", 0) == 0 && line.find(" (pid ") != std::string::npos;
+            EXPECT_EQ(r.enters.at("main") == 18 ? 2u : 0u, processes) << defs;
         }
         ASSERT_EQ(0, ryl({"timeline", dir.path + "/run", "--perfetto", "-o", dir.path + "/t.pftrace"}).status);
         const perfetto_summary p = read_perfetto(dir.path + "/t.pftrace");

@@ -54,7 +54,7 @@ struct definitions {
         OTF2_LocationGroupRef process = 0;
     };
     std::vector<location> locations;
-    std::vector<std::string> processes;  // the run directories
+    std::vector<std::string> processes;  // the run directories, or "DIR (pid N)" of their processes
 };
 
 OTF2_StringRef string_ref(definitions& d, const std::string& text) {
@@ -110,11 +110,11 @@ std::string id_list(std::vector<uint64_t> ids) {
 
 // Reads one file into the event writer of its location.
 bool export_file(OTF2_Archive* archive, definitions& d, const name_table& names, task_namer* namer,
-                 const trace_path& p, uint64_t origin, uint64_t& last_overall) {
+                 const trace_path& p, size_t process, uint64_t origin, uint64_t& last_overall) {
     trace_file f;
     if (!open_for_reading(f, p)) return false;
     const OTF2_LocationRef location = d.locations.size();
-    d.locations.push_back({p.name, 0, OTF2_LocationGroupRef(d.processes.size() - 1)});
+    d.locations.push_back({p.name, 0, OTF2_LocationGroupRef(process)});
     OTF2_EvtWriter* w = OTF2_Archive_GetEvtWriter(archive, location);
     OTF2_AttributeList* attributes = OTF2_AttributeList_New();
     std::vector<OTF2_RegionRef> open;
@@ -236,15 +236,32 @@ int export_command(const std::vector<std::string>& args) {
     uint64_t last = origin;
     bool ok = true;
     for (size_t i = 0; i < dirs.size() && ok; ++i) {
-        d.processes.push_back(dirs[i]);
+        // A process per directory; where a directory's objects files name
+        // several processes, one per process (files no objects file names,
+        // from killed processes, go to one for the directory).
+        std::unordered_map<unsigned long, size_t> process_of_file;
+        const std::vector<process_objects> processes = read_objects_files(dirs[i]);
+        for (const process_objects& process : processes) {
+            if (processes.size() < 2 || process.files.empty()) continue;
+            d.processes.push_back(dirs[i] + " (pid " + std::to_string(process.pid) + ")");
+            for (unsigned long file : process.files) process_of_file[file] = d.processes.size() - 1;
+        }
+        size_t directory_process = SIZE_MAX;
         // OpenMP runs: regions named by source, one more pass over the directory.
         task_namer namer;
         namer.want_predecessors = true;
         bool openmp = false;
         for (const auto& dom : names[i].domains) openmp = openmp || dom.second == "openmp";
         if (openmp && !(ok = load_task_names(namer, dirs[i], files[i]))) break;
-        for (const trace_path& p : files[i])
-            if (!(ok = export_file(archive, d, names[i], openmp ? &namer : nullptr, p, origin, last))) break;
+        for (const trace_path& p : files[i]) {
+            const auto known = process_of_file.find(p.number);
+            if (known == process_of_file.end() && directory_process == SIZE_MAX) {
+                d.processes.push_back(dirs[i]);
+                directory_process = d.processes.size() - 1;
+            }
+            const size_t process = known == process_of_file.end() ? directory_process : known->second;
+            if (!(ok = export_file(archive, d, names[i], openmp ? &namer : nullptr, p, process, origin, last))) break;
+        }
     }
     OTF2_Archive_CloseEvtFiles(archive);
     write_definitions(archive, d, origin, last);
