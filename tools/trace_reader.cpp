@@ -101,6 +101,44 @@ inline void shift(trace_input& in) {
     in.after_next = static_cast<char>(in.getc());
 }
 
+// k shifts at once. When the k bytes they take from the buffer are there
+// and none is zero, the slots are filled from it and the counts moved on as
+// k calls of getc would; else byte by byte.
+void advance(trace_input& in, size_t k) {
+    const unsigned char* b = in.buffer.data() + in.pos;
+    if (k < 3 || in.pos + k > in.len || std::memchr(b, 0, k)) {
+        while (k--) shift(in);
+        return;
+    }
+    // After k shifts the slots hold the stream bytes k, k+1 and k+2 counted
+    // from the current slot; the buffer begins at stream byte 3.
+    in.current = static_cast<char>(b[k - 3]);
+    in.next = static_cast<char>(b[k - 2]);
+    in.after_next = static_cast<char>(b[k - 1]);
+    in.calls += k;
+    in.delivered += k;
+    for (size_t i = 0; i < k; ++i) in.line_feeds += b[i] == '\n';
+    if (in.zero_run) {  // zero bytes followed by others, as getc notes them
+        if (!in.inner_zeros) in.inner_zeros_offset = in.zero_run_start;
+        in.inner_zeros = true;
+        in.zero_run = 0;
+    }
+    in.pos += k;
+}
+
+// Whether the input from the next slot on is line feeds and then text, as
+// the collector writes its tags; then it is taken up to the text's end. The
+// tokenizer would read the same bytes into the same tokens.
+bool quick(trace_input& in, const char* text) {
+    size_t at = 0;
+    while (peek(in, at) == '\n') ++at;
+    size_t i = 0;
+    for (; text[i]; ++i)
+        if (peek(in, at + i) != static_cast<unsigned char>(text[i])) return false;
+    advance(in, at + i);
+    return true;
+}
+
 // Line of the current slot, counting from 1.
 uint64_t current_line(const trace_input& in) {
     uint64_t lf = in.line_feeds;
@@ -295,12 +333,14 @@ bool expect(trace_file& f, int t, const char* name, const char* expected, const 
     return false;
 }
 
-// "<name>" and "</name>".
+// "<name>" and "</name>"; expected is the tag as written.
 bool open_tag(trace_file& f, const char* name, const char* expected, const field_ref* ref = nullptr) {
+    if (quick(*f.in, expected)) return true;
     return expect(f, xml::token_start_tag, "", expected, ref) && expect(f, xml::token_name, name, expected, ref) &&
            expect(f, xml::token_tag_close, "", expected, ref);
 }
 bool close_tag(trace_file& f, const char* name, const char* expected) {
+    if (quick(*f.in, expected)) return true;
     return expect(f, xml::token_end_tag, "", expected) && expect(f, xml::token_name, name, expected) &&
            expect(f, xml::token_tag_close, "", expected);
 }
@@ -309,13 +349,18 @@ bool close_tag(trace_file& f, const char* name, const char* expected) {
 // of the file or a zero byte. False when more than size - 1 bytes come.
 bool plain_content(trace_input& in, char* buf, size_t size, size_t& n) {
     n = 0;
+    bool fits = true;
     for (;;) {
-        const int c = peek(in, 0);
-        if (c == '<' || c <= 0) return true;
-        if (n + 1 >= size) return false;
+        const int c = peek(in, n);
+        if (c == '<' || c <= 0) break;
+        if (n + 1 >= size) {
+            fits = false;
+            break;
+        }
         buf[n++] = char(c);
-        shift(in);
     }
+    advance(in, n);
+    return fits;
 }
 
 bool parse_number(const char* text, size_t n, uint64_t& value) {
@@ -480,28 +525,49 @@ bool open_trace(trace_file& f, const std::string& path) {
     return true;
 }
 
+// "<record>" after line feeds, as the collector writes it: taken at once,
+// with the record's line that of its "<".
+bool quick_record_start(trace_file& f) {
+    trace_input& in = *f.in;
+    static const char tag[] = "<record>";
+    size_t at = 0;
+    while (peek(in, at) == '\n') ++at;
+    for (size_t i = 0; tag[i]; ++i)
+        if (peek(in, at + i) != static_cast<unsigned char>(tag[i])) return false;
+    advance(in, at + 1);
+    f.open_line = current_line(in);
+    f.open_kind = -1;
+    f.open_fields = 0;
+    advance(in, sizeof tag - 2);
+    return true;
+}
+
 read_status next_record(trace_file& f, record& rec) {
     if (f.status != read_status::record) return f.status;
     const char* const next = "<record> or </trace>";
-    const int t = token(f);
-    if (t == xml::token_end) return at_minus_one(f, next);
-    if (t == xml::token_end_tag) {
-        if (!expect(f, xml::token_name, "trace", next) || !expect(f, xml::token_tag_close, "", next)) return f.status;
-        if (!f.end_record_read) return set_malformed(f, "\"</trace>\" before the end_of_records record");
-        const int after = token(f);
-        if (after == xml::token_end && slot_at_end(*f.in, 0)) return f.status = read_status::finished;
-        return set_malformed(f, "more after \"</trace>\": " + describe(f, after));
+    if (f.end_record_read || !quick_record_start(f)) {
+        const int t = token(f);
+        if (t == xml::token_end) return at_minus_one(f, next);
+        if (t == xml::token_end_tag) {
+            if (!expect(f, xml::token_name, "trace", next) || !expect(f, xml::token_tag_close, "", next))
+                return f.status;
+            if (!f.end_record_read) return set_malformed(f, "\"</trace>\" before the end_of_records record");
+            const int after = token(f);
+            if (after == xml::token_end && slot_at_end(*f.in, 0)) return f.status = read_status::finished;
+            return set_malformed(f, "more after \"</trace>\": " + describe(f, after));
+        }
+        if (t != xml::token_start_tag)
+            return set_malformed(f, std::string("expected ") + next + ", found " + describe(f, t));
+        if (f.end_record_read) {
+            if (nothing_follows(f)) return set_cut_short(f);  // "<" of "</trace>"
+            return set_malformed(f, "a record after the end_of_records record");
+        }
+        f.open_line = current_line(*f.in);
+        f.open_kind = -1;
+        f.open_fields = 0;
+        if (!expect(f, xml::token_name, "record", next) || !expect(f, xml::token_tag_close, "", next))
+            return f.status;
     }
-    if (t != xml::token_start_tag)
-        return set_malformed(f, std::string("expected ") + next + ", found " + describe(f, t));
-    if (f.end_record_read) {
-        if (nothing_follows(f)) return set_cut_short(f);  // "<" of "</trace>"
-        return set_malformed(f, "a record after the end_of_records record");
-    }
-    f.open_line = current_line(*f.in);
-    f.open_kind = -1;
-    f.open_fields = 0;
-    if (!expect(f, xml::token_name, "record", next) || !expect(f, xml::token_tag_close, "", next)) return f.status;
 
     // The record's name.
     const field_ref name_ref{-2, 0}, timestamp_ref{-1, 0};
