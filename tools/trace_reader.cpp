@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 namespace ryl {
@@ -126,16 +127,22 @@ void advance(trace_input& in, size_t k) {
     in.pos += k;
 }
 
-// Whether the input from the next slot on is line feeds and then text, as
-// the collector writes its tags; then it is taken up to the text's end. The
-// tokenizer would read the same bytes into the same tokens.
-bool quick(trace_input& in, const char* text) {
+// When the input from the next slot on is line feeds and then text, as the
+// collector writes its tags, the number of line feeds; else SIZE_MAX.
+size_t tag_ahead(trace_input& in, const char* text) {
     size_t at = 0;
     while (peek(in, at) == '\n') ++at;
-    size_t i = 0;
-    for (; text[i]; ++i)
-        if (peek(in, at + i) != static_cast<unsigned char>(text[i])) return false;
-    advance(in, at + i);
+    for (size_t i = 0; text[i]; ++i)
+        if (peek(in, at + i) != static_cast<unsigned char>(text[i])) return SIZE_MAX;
+    return at;
+}
+
+// Such a tag taken at once: the tokenizer would read the same bytes into the
+// same tokens.
+bool quick(trace_input& in, const char* text) {
+    const size_t at = tag_ahead(in, text);
+    if (at == SIZE_MAX) return false;
+    advance(in, at + std::strlen(text));
     return true;
 }
 
@@ -529,16 +536,13 @@ bool open_trace(trace_file& f, const std::string& path) {
 // with the record's line that of its "<".
 bool quick_record_start(trace_file& f) {
     trace_input& in = *f.in;
-    static const char tag[] = "<record>";
-    size_t at = 0;
-    while (peek(in, at) == '\n') ++at;
-    for (size_t i = 0; tag[i]; ++i)
-        if (peek(in, at + i) != static_cast<unsigned char>(tag[i])) return false;
+    const size_t at = tag_ahead(in, "<record>");
+    if (at == SIZE_MAX) return false;
     advance(in, at + 1);
     f.open_line = current_line(in);
     f.open_kind = -1;
     f.open_fields = 0;
-    advance(in, sizeof tag - 2);
+    advance(in, std::strlen("record>"));
     return true;
 }
 
