@@ -220,12 +220,15 @@ TEST(ryl_profile, programs_of_known_shape_under_ryl_run) {
         int created;             // -1: as the program prints it
         std::set<std::string> functions;  // of the task kinds
         size_t lines;            // task constructs (a construct inlined twice has two sites); 0: no lines
+        int barriers = 0;        // barrier waits in ryl run's summary, when known (0: not checked)
     } cases[] = {
         // Chain tasks of ~20 ms beside independent ones of ~5 ms: the chain
         // stays the longest path unless one independent task is held off its
         // CPU for over 150 ms (a loaded machine: the case is run again).
-        {{RYL_OMP_SHAPES, "chain", "100"}, -1, {"chain"}, 2},
-        {{RYL_OMP_SHAPES, "nested"}, 126, {"tree"}, 2},
+        // Both threads wait at the single's end (one of them running the
+        // tasks from there, in many intervals) and at the region's end.
+        {{RYL_OMP_SHAPES, "chain", "100"}, -1, {"chain"}, 2, 4},
+        {{RYL_OMP_SHAPES, "nested"}, 126, {"tree"}, 2, 4},
         {{RYL_OMP_SHAPES, "untied"}, 126, {"untied_tree"}, 2},
         {{RYL_OMP_SHAPES, "taskgroup"}, 16, {"taskgroup"}, 2},
         {{RYL_OMP_SHAPES, "nested_parallel"}, 4, {"nested_parallel"}, 1},
@@ -254,6 +257,8 @@ TEST(ryl_profile, programs_of_known_shape_under_ryl_run) {
                 created = std::atoi(run.out.c_str() + at + 8);
             }
             EXPECT_NE(run.out.find(" " + std::to_string(created) + " explicit tasks"), std::string::npos) << run.out;
+            if (c.barriers)
+                EXPECT_NE(run.out.find(", " + std::to_string(c.barriers) + " barriers\n"), std::string::npos) << run.out;
             const child_result r = ryl({"profile", dir, "--json"});
             ASSERT_EQ(r.status, 0) << r.err;
             j = nlohmann::json::parse(r.out);

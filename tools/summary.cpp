@@ -52,13 +52,61 @@ struct run_summary {
     // Code addresses recorded as metadata on explicit tasks ({T,0,0}) and
     // regions ({R,1,0}): tasks created and regions run per site.
     std::unordered_map<uint64_t, uint64_t> task_sites, region_sites;
+    // Barriers waited in. The detailed recording ends a barrier interval
+    // for every task run from the wait and begins it again after: those
+    // fragments of one wait count once.
+    uint64_t barrier_waits = 0;
+    std::unordered_map<uint64_t, interval_kind> kind_of_handle;  // names known when first used
+};
+
+// Barrier waits: the detailed recording ends the wait's interval when a
+// task is run from it, begins it again when the task is done, and ends it
+// when the wait is over. A barrier ended and followed at once by an explicit
+// task was left for that task: its next begin at this depth resumes it.
+struct barrier_slot {
+    uint64_t open_id = 0;      // the barrier interval open at this depth
+    uint64_t ended_id = 0;     // the barrier that ended here just now
+    uint64_t left_for_tasks = 0;  // the barrier whose wait runs tasks
 };
 
 // Pairs task begins with ends per file, the innermost open task first.
 struct task_pairing {
     std::vector<open_task> open;
     uint64_t depth = 0;
+    std::vector<barrier_slot> barriers;  // by depth, the 64 outermost
 };
+
+interval_kind kind_of(run_summary& run, uint64_t handle) {
+    const auto known = run.kind_of_handle.find(handle);
+    if (known != run.kind_of_handle.end()) return known->second;
+    const auto name = run.names.strings.find(handle);
+    if (name == run.names.strings.end()) return interval_kind::other;
+    return run.kind_of_handle[handle] = kind_of_task_name(name->second);
+}
+
+void barrier_begin(run_summary& run, task_pairing& tp, const record& rec) {
+    if (tp.depth >= 64) return;
+    if (tp.barriers.size() <= tp.depth) tp.barriers.resize(tp.depth + 1);
+    barrier_slot& b = tp.barriers[tp.depth];
+    const uint64_t id = rec.fields[1].id.a;
+    const interval_kind k = kind_of(run, rec.fields[3].number);
+    if (k == interval_kind::barrier) {
+        if (!id || id != b.left_for_tasks) ++run.barrier_waits;
+        b.left_for_tasks = 0;
+        b.open_id = id;
+    } else if (k == interval_kind::explicit_task) {
+        if (b.ended_id) b.left_for_tasks = b.ended_id;
+    } else if (id == b.left_for_tasks) {
+        b.left_for_tasks = 0;  // the waiting task goes on
+    }
+    b.ended_id = 0;
+}
+
+void barrier_end(run_summary& run, task_pairing& tp, uint64_t name) {
+    if (tp.depth >= tp.barriers.size()) return;  // depth: of the interval that ends
+    barrier_slot& b = tp.barriers[tp.depth];
+    b.ended_id = kind_of(run, name) == interval_kind::barrier ? b.open_id : 0;
+}
 
 // The innermost open task ends: its own time is its duration minus what was nested in it.
 void close_task(file_summary& fs, task_pairing& tp, uint64_t now) {
@@ -80,6 +128,7 @@ void on_record(run_summary& run, file_summary& fs, task_pairing& tp, const recor
         note_name(run.names, rec);
         break;
     case kind_task_begin: {
+        barrier_begin(run, tp, rec);
         ++fs.begun;
         ++fs.tasks[rec.fields[3].number].begun;
         if (tp.depth++ < max_open_tasks) tp.open.push_back({rec.fields[3].number, rec.timestamp, 0});
@@ -90,6 +139,7 @@ void on_record(run_summary& run, file_summary& fs, task_pairing& tp, const recor
         if (tp.depth == 0) {
             ++fs.unmatched_ends;
         } else if (--tp.depth < tp.open.size()) {
+            barrier_end(run, tp, tp.open.back().name);
             close_task(fs, tp, rec.timestamp);
         }
         break;
@@ -250,7 +300,7 @@ void print_openmp(const run_summary& run, const std::string& dir) {
                 static_cast<unsigned long long>(run.dependences_in),
                 static_cast<unsigned long long>(run.dependences_out),
                 plural(run.variables.size(), "variable", "variables").c_str(),
-                plural(by_name(run.names, begins, "omp_barrier"), "barrier", "barriers").c_str());
+                plural(run.barrier_waits, "barrier", "barriers").c_str());
     symbolizer symbols;
     symbols.load(dir);
     print_sites("OpenMP task sites", run.task_sites, symbols);
