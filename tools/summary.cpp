@@ -52,10 +52,7 @@ struct run_summary {
     // Code addresses recorded as metadata on explicit tasks ({T,0,0}) and
     // regions ({R,1,0}): tasks created and regions run per site.
     std::unordered_map<uint64_t, uint64_t> task_sites, region_sites;
-    // Barriers waited in. The detailed recording ends a barrier interval
-    // for every task run from the wait and begins it again after: those
-    // fragments of one wait count once.
-    uint64_t barrier_waits = 0;
+    uint64_t barrier_waits = 0;  // a wait split into intervals counts once (barrier_slot)
     std::unordered_map<uint64_t, interval_kind> kind_of_handle;  // names known when first used
 };
 
