@@ -62,7 +62,7 @@ TEST(ryl_export, run_default_modes) {
 // Slices of a Perfetto timeline by interned name; ordering and nesting per track.
 struct perfetto_summary {
     std::map<std::string, int> begins;
-    int ends = 0, threads = 0, flows = 0;
+    int ends = 0, threads = 0, processes = 0, flows = 0;
     bool ordered = true, nested = true;
 };
 
@@ -76,6 +76,7 @@ perfetto_summary read_perfetto(const std::string& path) {
     for (const auto& p : trace.packet()) {
         for (const auto& n : p.interned_data().event_names()) names[n.iid()] = n.name();
         s.threads += p.track_descriptor().has_thread();
+        s.processes += p.track_descriptor().has_process();
         if (!p.has_track_event()) continue;
         const auto& e = p.track_event();
         s.flows += e.terminating_flow_ids_size();
@@ -189,6 +190,8 @@ TEST(ryl_export, otf2_round_trips) {
         int files = 0;
         for (const std::string& f : list_dir(dir.path + "/run")) files += f.rfind("_ryl.", 0) == 0;
         EXPECT_EQ(files, p.threads);
+        // One process for the directory, one more for each process its objects files name, if several.
+        EXPECT_EQ(r.enters.count("main") && r.enters.at("main") == 18 ? 3 : 1, p.processes);
         // Two directories: two processes in one archive, every event twice.
         ASSERT_EQ(0, ryl({"export", "--otf2", dir.path + "/run", dir.path + "/run", dir.path + "/two"}).status);
         for (const auto& n : read_archive(dir.path + "/two/traces.otf2").enters)

@@ -129,6 +129,12 @@ TEST(ryl_run, openmp_example_summary_timeline_and_graph) {
     const child_result r2 = ryl({"run", "-o", dir.path + "/run2", "--", "sh", "-c", twice}, {{"OMP_NUM_THREADS", "2,2"}});
     ASSERT_EQ(0, r2.status) << r2.err << r2.out;
     EXPECT_TRUE(has(r2.out, " (8 with dependences), 14 dependences (6 in, 8 out) on 6 variables, ")) << r2.out;
+    ASSERT_EQ(0, ryl({"timeline", dir.path + "/run2", "-o", dir.path + "/trace2.json"}).status);
+    std::set<int> pids;  // of the slices: one per process
+    const nlohmann::json trace2 = nlohmann::json::parse(read_file(dir.path + "/trace2.json"));
+    for (const auto& e : trace2.at("traceEvents"))
+        if (e.at("ph").get<std::string>() == "B") pids.insert(e.at("pid").get<int>());
+    EXPECT_EQ(2u, pids.size());
     if (run_program({"sh", "-c", "command -v dot"}, {}).status != 0) GTEST_SKIP() << "Graphviz dot is not installed";
     ASSERT_EQ(0, ryl({"graph", run_dir, "--relations", "-o", dir.path + "/graph.dot", "--svg"}).status);
     EXPECT_TRUE(has(read_file(dir.path + "/graph.svg"), "composite_node"));

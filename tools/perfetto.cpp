@@ -13,6 +13,7 @@
 #include "perfetto.h"
 
 #include <algorithm>
+#include <map>
 
 #include "perfetto_trace.pb.h"
 
@@ -91,12 +92,20 @@ int write_perfetto_timeline(const std::string& dir, const std::vector<trace_path
                             uint64_t origin, const std::string& out, task_namer* namer) {
     writer w;
     if (!open_output(w.out, out)) return exit_error;
-    {
+    // Several processes in the directory: one process track each, after the
+    // directory's own (pid 1); a thread track's uuid follows its file number.
+    const std::unordered_map<unsigned long, unsigned long> writers = writers_of_files(dir);
+    std::map<unsigned long, uint64_t> process_track = {{1, process_uuid}};
+    for (const auto& wr : writers) process_track.emplace(wr.second, 0);
+    uint64_t next_track = ~uint64_t(0);  // far from the thread tracks
+    for (auto& pt : process_track) {
+        if (pt.first != 1) pt.second = next_track--;
         perfetto::TracePacket packet;
         perfetto::TrackDescriptor* d = packet.mutable_track_descriptor();
-        d->set_uuid(process_uuid);
-        d->mutable_process()->set_pid(1);
-        d->mutable_process()->set_process_name(valid_utf8("ryl " + dir));
+        d->set_uuid(pt.second);
+        d->mutable_process()->set_pid(int32_t(pt.first));
+        d->mutable_process()->set_process_name(
+            valid_utf8("ryl " + dir + (pt.first == 1 ? "" : " (pid " + std::to_string(pt.first) + ")")));
         emit(w, packet);
     }
     bool ok = true;
@@ -108,9 +117,11 @@ int write_perfetto_timeline(const std::string& dir, const std::vector<trace_path
         const uint64_t track = process_uuid + 1 + p.number;
         perfetto::TracePacket packet;
         perfetto::TrackDescriptor* d = packet.mutable_track_descriptor();
+        const auto writer = writers.find(p.number);
+        const unsigned long pid = writer == writers.end() ? 1 : writer->second;
         d->set_uuid(track);
-        d->set_parent_uuid(process_uuid);
-        d->mutable_thread()->set_pid(1);
+        d->set_parent_uuid(process_track.at(pid));
+        d->mutable_thread()->set_pid(int32_t(pid));
         d->mutable_thread()->set_tid(int32_t(p.number + 1));
         d->mutable_thread()->set_thread_name(p.name);
         emit(w, packet);

@@ -185,6 +185,15 @@ std::vector<process_objects> read_objects_files(const std::string& dir) {
     return processes;
 }
 
+std::unordered_map<unsigned long, unsigned long> writers_of_files(const std::string& dir) {
+    std::unordered_map<unsigned long, unsigned long> writers;
+    const std::vector<process_objects> processes = read_objects_files(dir);
+    if (processes.size() > 1)
+        for (const process_objects& process : processes)
+            for (unsigned long file : process.files) writers[file] = process.pid;
+    return writers;
+}
+
 // The libdw view of one process, with the locations found so far.
 struct symbolizer::process_state {
     Dwfl* dwfl = nullptr;

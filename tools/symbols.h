@@ -39,6 +39,9 @@ struct process_objects {
 bool read_objects_file(const std::string& path, process_objects& objects);
 // The objects files of a run directory, in the order of their names.
 std::vector<process_objects> read_objects_files(const std::string& dir);
+// The pid of the process that wrote each trace file (by file number), when
+// the objects files of dir name more than one process; empty otherwise.
+std::unordered_map<unsigned long, unsigned long> writers_of_files(const std::string& dir);
 
 // Addresses of one run directory turned into source locations through its
 // objects files and the objects' debug information. Without an objects file

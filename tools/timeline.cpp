@@ -11,6 +11,7 @@
 // memory does not grow with the size of the run.
 #include <algorithm>
 #include <map>
+#include <set>
 #include <nlohmann/json.hpp>
 
 #include <sys/stat.h>
@@ -51,6 +52,7 @@ struct async_key {
 
 // What one file has open while it is read.
 struct thread_state {
+    unsigned long pid = 1;  // the writing process's pid where a directory holds several, else 1
     unsigned long tid = 0;
     uint64_t last = 0;   // latest timestamp so far
     uint64_t depth = 0;  // tasks open
@@ -60,7 +62,7 @@ struct thread_state {
 };
 
 json event(const timeline& t, const thread_state& th, const char* phase, uint64_t ts) {
-    return json{{"ph", phase}, {"pid", 1}, {"tid", th.tid}, {"ts", micros(t, ts)}};
+    return json{{"ph", phase}, {"pid", th.pid}, {"tid", th.tid}, {"ts", micros(t, ts)}};
 }
 
 // Dependence arrows at a task's first begin: those leaving it start there,
@@ -149,7 +151,7 @@ void on_record(timeline& t, thread_state& th, const record& rec) {
         // The first OpenMP thread number recorded on a thread names it.
         if (!th.thread_named && string_name(*t.names, rec.fields[2].number) == "thread_num") {
             th.thread_named = true;
-            emit(t, json{{"ph", "M"}, {"pid", 1}, {"tid", th.tid}, {"name", "thread_name"},
+            emit(t, json{{"ph", "M"}, {"pid", th.pid}, {"tid", th.tid}, {"name", "thread_name"},
                          {"args", {{"name", "OpenMP thread " + std::to_string(rec.fields[5].number) + " (" +
                                                 th.file_name + ")"}}}});
         }
@@ -159,8 +161,8 @@ void on_record(timeline& t, thread_state& th, const record& rec) {
     }
 }
 
-json metadata(const char* what, unsigned long tid, const json& args) {
-    return json{{"ph", "M"}, {"pid", 1}, {"tid", tid}, {"name", what}, {"args", args}};
+json metadata(const char* what, unsigned long pid, unsigned long tid, const json& args) {
+    return json{{"ph", "M"}, {"pid", pid}, {"tid", tid}, {"name", what}, {"args", args}};
 }
 
 // The JSON timeline is about half the bytes of the trace files; the Perfetto
@@ -206,7 +208,13 @@ int timeline_command(const std::vector<std::string>& args) {
     const json other = {{"run_directory", dir}, {"time_origin_ns", std::to_string(t.origin)}};
     std::fprintf(t.out.file, "{\"displayTimeUnit\":\"ns\",\"otherData\":%s,\"traceEvents\":[",
                  other.dump(-1, ' ', false, json::error_handler_t::replace).c_str());
-    emit(t, metadata("process_name", 0, {{"name", "ryl " + dir}}));
+    // Several processes in the directory: one timeline process each.
+    const std::unordered_map<unsigned long, unsigned long> writers = writers_of_files(dir);
+    std::set<unsigned long> pids = {1};
+    for (const auto& w : writers) pids.insert(w.second);
+    for (unsigned long pid : pids)
+        emit(t, metadata("process_name", pid, 0,
+                         {{"name", "ryl " + dir + (pid == 1 ? "" : " (pid " + std::to_string(pid) + ")")}}));
     record rec;
     bool ok = true;
     for (const trace_path& p : files) {
@@ -216,11 +224,13 @@ int timeline_command(const std::vector<std::string>& args) {
             break;
         }
         thread_state th;
+        const auto writer = writers.find(p.number);
+        if (writer != writers.end()) th.pid = writer->second;
         th.tid = p.number;
         th.last = t.origin;
         th.file_name = p.name;
-        emit(t, metadata("thread_name", th.tid, {{"name", p.name}}));
-        emit(t, metadata("thread_sort_index", th.tid, {{"sort_index", th.tid}}));
+        emit(t, metadata("thread_name", th.pid, th.tid, {{"name", p.name}}));
+        emit(t, metadata("thread_sort_index", th.pid, th.tid, {{"sort_index", th.tid}}));
         while (next_record(f, rec) == read_status::record) on_record(t, th, rec);
         close_all(t, th, th.last);
         if (!done_reading(f, p, true)) {
