@@ -236,16 +236,11 @@ int export_command(const std::vector<std::string>& args) {
     uint64_t last = origin;
     bool ok = true;
     for (size_t i = 0; i < dirs.size() && ok; ++i) {
-        // A process per directory; where a directory's objects files name
-        // several processes, one per process (files no objects file names,
-        // from killed processes, go to one for the directory).
-        std::unordered_map<unsigned long, size_t> process_of_file;
-        const std::vector<process_objects> processes = read_objects_files(dirs[i]);
-        for (const process_objects& process : processes) {
-            if (processes.size() < 2 || process.files.empty()) continue;
-            d.processes.push_back(dirs[i] + " (pid " + std::to_string(process.pid) + ")");
-            for (unsigned long file : process.files) process_of_file[file] = d.processes.size() - 1;
-        }
+        // A process per directory; where its objects files name several
+        // processes, one per process (files that no objects file names, from
+        // killed processes, go to the directory's).
+        const std::unordered_map<unsigned long, unsigned long> writers = writers_of_files(dirs[i]);
+        std::map<unsigned long, size_t> process_of_pid;
         size_t directory_process = SIZE_MAX;
         // OpenMP runs: regions named by source, one more pass over the directory.
         task_namer namer;
@@ -254,12 +249,22 @@ int export_command(const std::vector<std::string>& args) {
         for (const auto& dom : names[i].domains) openmp = openmp || dom.second == "openmp";
         if (openmp && !(ok = load_task_names(namer, dirs[i], files[i]))) break;
         for (const trace_path& p : files[i]) {
-            const auto known = process_of_file.find(p.number);
-            if (known == process_of_file.end() && directory_process == SIZE_MAX) {
-                d.processes.push_back(dirs[i]);
-                directory_process = d.processes.size() - 1;
+            const auto writer = writers.find(p.number);
+            size_t process;
+            if (writer == writers.end()) {
+                if (directory_process == SIZE_MAX) {
+                    d.processes.push_back(dirs[i]);
+                    directory_process = d.processes.size() - 1;
+                }
+                process = directory_process;
+            } else {
+                auto known = process_of_pid.find(writer->second);
+                if (known == process_of_pid.end()) {
+                    d.processes.push_back(dirs[i] + " (pid " + std::to_string(writer->second) + ")");
+                    known = process_of_pid.emplace(writer->second, d.processes.size() - 1).first;
+                }
+                process = known->second;
             }
-            const size_t process = known == process_of_file.end() ? directory_process : known->second;
             if (!(ok = export_file(archive, d, names[i], openmp ? &namer : nullptr, p, process, origin, last))) break;
         }
     }
