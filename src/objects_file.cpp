@@ -5,7 +5,10 @@
 #include <link.h>
 #include <unistd.h>
 
+#include <pthread.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,6 +23,14 @@ namespace {
 int file = -1;
 pid_t owner = 0;                     // the process that writes the file
 std::vector<std::string>* at_start;  // object lines written at start; never freed
+bool exit_hook = false;              // finish is registered (a forked child inherits it)
+std::atomic<bool> forked{false};     // a child of fork whose file is still its parent's
+
+// In the child only one thread runs here: the work waits for its first
+// OpenMP event (start_after_fork), where the loader's lock is free to take.
+void on_fork_in_child() {
+    if (owner) forked.store(true, std::memory_order_relaxed);
+}
 
 std::string hex(unsigned long long value) {
     char text[32];
@@ -136,15 +147,28 @@ void start() {
         std::string path = writer::get_ftc()->directory + "/objects." + std::to_string(owner);
         file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         if (file < 0) return;
-        at_start = new std::vector<std::string>(loaded_objects());
+        if (!at_start) at_start = new std::vector<std::string>();
+        *at_start = loaded_objects();
         std::string text = "ryl-objects 1\npid " + std::to_string(owner) + "\n";
         for (const std::string& line : *at_start) text += line;
-        if (!write_all(text) || std::atexit(finish) != 0) {
+        if (!exit_hook) {
+            exit_hook = std::atexit(finish) == 0;
+            pthread_atfork(nullptr, nullptr, on_fork_in_child);
+        }
+        if (!write_all(text) || !exit_hook) {
             close(file);
             file = -1;
         }
     } catch (...) {
     }
+}
+
+void start_after_fork() {
+    if (!forked.load(std::memory_order_relaxed) || !forked.exchange(false)) return;
+    if (file >= 0) close(file);  // the parent's
+    file = -1;
+    owner = 0;
+    start();
 }
 
 }  // namespace objects_file

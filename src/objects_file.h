@@ -18,4 +18,9 @@ namespace objects_file {
 // first call does anything; nothing is thrown.
 void start();
 
+// In a child of fork (without exec), whose file so far is its parent's:
+// starts the child's own. Cheap when there is nothing to do; called where
+// the child's OpenMP work begins (its regions and tasks).
+void start_after_fork();
+
 }  // namespace objects_file

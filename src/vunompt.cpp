@@ -450,6 +450,7 @@ void thread_end_detailed(ompt_data_t*) try {
 
 void parallel_begin_detailed(ompt_data_t* encountering_task_data, const ompt_frame_t*,
                              ompt_data_t* parallel_data, unsigned int, int, const void*) try {
+    objects_file::start_after_fork();
     record_parallel_begin(parallel_data, value_of(state_of(encountering_task_data)));
 } catch (...) {
 }
@@ -548,6 +549,7 @@ void sync_region_detailed(ompt_sync_region_t kind, ompt_scope_endpoint_t endpoin
 void task_create_detailed(ompt_data_t* encountering_task_data, const ompt_frame_t*,
                           ompt_data_t* new_task_data, int flags, int has_dependences,
                           const void* codeptr_ra) try {
+    objects_file::start_after_fork();
     void* creator = value_of(state_of(encountering_task_data));
     if (flags & ompt_task_initial) {
         new_task_state(new_task_data, nullptr, initial_task);

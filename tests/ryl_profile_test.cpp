@@ -234,6 +234,7 @@ TEST(ryl_profile, programs_of_known_shape_under_ryl_run) {
         {{RYL_OMP_SHAPES, "nested_parallel"}, 4, {"nested_parallel"}, 1},
         {{RYL_OMP_SHAPES, "dlopen", RYL_TEST_PLUGIN, "tasks"}, 130, {"tree", "ryl_test_plugin_tasks"}, 3},
         {{RYL_OMP_SHAPES, "killed"}, 126, {"tree"}, 2},
+        {{RYL_OMP_SHAPES, "fork_tasks"}, 3 * 126, {"tree"}, 2},  // the child's ids continue the parent's counts
         {{relative, "taskgroup"}, 16, {"taskgroup"}, 2},
         // Two processes one after the other, whose task ids are counted alike.
         {{"sh", "-c", RYL_OMP_SHAPES " taskgroup && " RYL_OMP_SHAPES " nested"}, 142, {"taskgroup", "tree"}, 4},

@@ -164,6 +164,13 @@ int main(int argc, char** argv) {
         pid_t child = fork();
         if (child == 0) exit(0);
         if (child < 0 || waitpid(child, NULL, 0) != child) return 2;
+    } else if (!strcmp(shape, "fork_tasks")) {
+        /* Tasks before the fork, then in the child and in the parent. */
+        nested();
+        pid_t child = fork();
+        nested();
+        if (child == 0) exit(0);
+        if (child < 0 || waitpid(child, NULL, 0) != child) return 2;
     } else if (!strcmp(shape, "killed")) {
         nested();
         raise(SIGKILL);
