@@ -498,21 +498,16 @@ void salt_ids(record& rec, uint64_t salt) {
 }  // namespace
 
 std::unordered_map<unsigned long, uint64_t> process_salts(const std::vector<trace_path>& files) {
+    // The writer's pid makes the salt: one objects file per pid, so two
+    // processes of a directory never share one.
     std::unordered_map<unsigned long, uint64_t> salts;
     std::set<std::string> dirs;
     for (const trace_path& p : files) {
         const size_t cut = p.path.size() >= p.name.size() + 1 ? p.path.size() - p.name.size() - 1 : 0;
         dirs.insert(cut ? p.path.substr(0, cut) : ".");
     }
-    uint64_t index = 0;
-    for (const std::string& dir : dirs) {
-        const std::vector<process_objects> processes = read_objects_files(dir);
-        if (processes.size() < 2) continue;
-        for (const process_objects& process : processes) {
-            ++index;
-            for (unsigned long file : process.files) salts[file] = index * 0x9E3779B97F4A7C15ULL;
-        }
-    }
+    for (const std::string& dir : dirs)
+        for (const auto& writer : writers_of_files(dir)) salts[writer.first] = writer.second * 0x9E3779B97F4A7C15ULL;
     return salts;
 }
 
