@@ -12,7 +12,6 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <new>
 #include <string>
 #include <thread>
@@ -22,16 +21,16 @@
 #include "trace_text.h"
 
 namespace {
-// The number that this program's sched_getcpu answers, when set.
-bool cpu_forced = false;
-int forced_cpu = 0;
+// The number that this program's sched_getcpu answers, unless unforced.
+const int unforced = -2;
+int forced_cpu = unforced;
 }  // namespace
 
 // This program's own sched_getcpu, exported (tests/bits32.cmake): the
 // library's call binds to it ahead of the C library's, as it would to a
 // preloaded one. Unless a child forces a number, it asks the C library.
 extern "C" int sched_getcpu() noexcept {
-    if (cpu_forced) return forced_cpu;
+    if (forced_cpu != unforced) return forced_cpu;
     using getcpu_fn = int (*)();
     static getcpu_fn libc_getcpu = reinterpret_cast<getcpu_fn>(dlsym(RTLD_NEXT, "sched_getcpu"));
     return libc_getcpu ? libc_getcpu() : -1;
@@ -42,11 +41,6 @@ namespace {
 // The pages of the addresses 134529440 and 4154462224.
 const std::uint32_t low_page = 0x0804C000u, high_page = 0xF7A01000u;
 
-void force_cpu(int cpu) {
-    cpu_forced = true;
-    forced_cpu = cpu;
-}
-
 // A domain and a string handle built in place, as the library's would be.
 ___zop_domain* domain_at(void* where, const char* name) {
     return new (where) ___zop_domain{1, name, nullptr, nullptr, nullptr, nullptr};
@@ -55,78 +49,48 @@ ___zop_string_handle* handle_at(void* where, const char* name) {
     return new (where) ___zop_string_handle{name, nullptr, nullptr, nullptr, nullptr};
 }
 
-// One child run: what it printed, and the records of its first file (the
-// text between the header and the end, timestamps masked).
+// A whole trace file holding these records, timestamps masked.
+std::string file_of(const std::string& records) {
+    return header_lines(std::thread::hardware_concurrency()) + records + file_end();
+}
+
+// One child run: its first file, timestamps masked, and the 32-bit addresses
+// it printed.
 struct run_output {
-    child_result child;
-    std::string records;
+    std::string file;
+    std::uint32_t a[3] = {};
 };
 
 run_output run(const std::function<void(zop_api&)>& body) {
     temp_dir dir;
-    child_options options;
-    options.set_env = {{"VUN_DIR", dir.path}};
+    child_options options{{{"VUN_DIR", dir.path}}};
     options.unload = true;
+    child_result child = run_in_child(options, body);
+    EXPECT_EQ(child.status, 0) << child.err;
     run_output result;
-    result.child = run_in_child(options, body);
-    EXPECT_EQ(result.child.status, 0) << result.child.err;
-    std::string text = mask_timestamps(read_file(dir.path + "/_ryl.0"));
-    std::string head = header_lines(std::thread::hardware_concurrency()), end = file_end();
-    if (text.size() >= head.size() + end.size() && text.compare(0, head.size(), head) == 0 &&
-        text.compare(text.size() - end.size(), end.size(), end) == 0)
-        result.records = text.substr(head.size(), text.size() - head.size() - end.size());
-    else
-        result.records = "NOT A FINISHED FILE:\n" + text;
+    sscanf(child.out.c_str(), "%u %u %u", &result.a[0], &result.a[1], &result.a[2]);
+    result.file = mask_timestamps(read_file(dir.path + "/_ryl.0"));
     return result;
 }
 
-// Reads "a b ..." of 32-bit addresses that a child printed.
-std::vector<std::uint32_t> addresses(const std::string& out) {
-    std::vector<std::uint32_t> values;
-    const char* p = out.c_str();
-    char* end = nullptr;
-    for (unsigned long v = strtoul(p, &end, 10); end != p; v = strtoul(p, &end, 10)) {
-        values.push_back(std::uint32_t(v));
-        p = end;
-    }
-    return values;
-}
-
-// The file of one task_begin with a domain below 2^31, a name handle above
-// it and CPU 3, byte for byte: the trace format's example (domain at
-// 134529440, name at 4154462224) when those pages are free, else the same at
-// other free pages. The shared libraries often occupy 0xF7A01000.
-TEST(addresses_32bit, task_begin_file_byte_for_byte) {
+// Every field that holds a handle, recorded sign-extended. First a task_begin
+// with a domain below 2^31, a name handle above it and CPU 3, as in the trace
+// format's example (domain at 134529440, name at 4154462224) when those pages
+// are free, else the same at other free pages (the shared libraries often
+// occupy 0xF7A01000); then a high domain with the same name handle as key in
+// every record kind.
+TEST(addresses_32bit, handles_in_every_record_kind) {
     run_output r = run([](zop_api& api) {
         char* low = static_cast<char*>(map_pages_near(low_page, 0x01000000u));
         char* high = static_cast<char*>(map_pages_near(high_page, 0x80000000u));
         if (!low || !high) _exit(90);
-        ___zop_domain* d = domain_at(low + 0x1A0, "d");
-        ___zop_string_handle* h = handle_at(high + 0x10, "h");
-        force_cpu(3);
-        api.task_begin(d, {7, 0, 0}, {0, 0, 0}, h);
-        printf("%u %u\n", address_of(d), address_of(h));
-    });
-    std::vector<std::uint32_t> a = addresses(r.child.out);
-    ASSERT_EQ(a.size(), 2u) << r.child.out;
-    EXPECT_LT(a[0], 0x80000000u);
-    EXPECT_GE(a[1], 0x80000000u);
-    EXPECT_EQ(r.records, record("task_begin", field(sign_extended(a[0])) + id_field(7, 0, 0) +
-                                                  id_field(0, 0, 0) + field(sign_extended(a[1])) + field(3)))
-        << "domain at " << a[0] << ", name at " << a[1];
-}
-
-// Every field that holds a handle: the same high domain and key in every
-// record kind, recorded sign-extended.
-TEST(addresses_32bit, high_handles_in_every_record_kind) {
-    run_output r = run([](zop_api& api) {
-        char* page = static_cast<char*>(map_pages_near(0xC0000000u, 0x80000000u));
-        if (!page) _exit(90);
-        ___zop_domain* d = domain_at(page, "d");
-        ___zop_string_handle* k = handle_at(page + 0x800, "k");
+        ___zop_domain* low_d = domain_at(low + 0x1A0, "d");
+        ___zop_string_handle* k = handle_at(high + 0x10, "h");
+        ___zop_domain* d = domain_at(high + 0x800, "d");
         const __zop_id a{1, 0, 0}, b{2, 0, 0};
         std::uint32_t value = 5;
-        force_cpu(0);
+        forced_cpu = 3;
+        api.task_begin(low_d, {7, 0, 0}, {0, 0, 0}, k);
         api.id_create(d, a);
         api.id_destroy(d, a);
         api.task_begin(d, a, b, k);
@@ -139,21 +103,23 @@ TEST(addresses_32bit, high_handles_in_every_record_kind) {
         api.relation_add(d, a, 3, b);
         api.metadata_add(d, a, k, 3, 1, &value);
         api.metadata_str_addA(d, a, k, "text", 4);
-        printf("%u %u\n", address_of(d), address_of(k));
+        printf("%u %u %u\n", address_of(low_d), address_of(k), address_of(d));
     });
-    std::vector<std::uint32_t> addr = addresses(r.child.out);
-    ASSERT_EQ(addr.size(), 2u) << r.child.out;
-    ASSERT_GE(addr[0], 0x80000000u);
-    const std::string d = field(sign_extended(addr[0])), k = field(sign_extended(addr[1]));
+    ASSERT_LT(r.a[0], 0x80000000u);
+    ASSERT_GE(r.a[1], 0x80000000u);
+    SCOPED_TRACE("domain at " + std::to_string(r.a[0]) + ", name at " + std::to_string(r.a[1]));
+    const std::string k = field(sign_extended(r.a[1])), d = field(sign_extended(r.a[2]));
     const std::string a = id_field(1, 0, 0), b = id_field(2, 0, 0);
-    EXPECT_EQ(r.records, record("id_create", d + a) + record("id_destroy", d + a) +
-                             record("task_begin", d + a + b + k + field(0)) +
-                             record("task_begin_async", d + a + b + k + field(0)) + record("task_end", d) +
-                             record("task_end_async", d + a) + record("region_begin", d + a + b + k) +
-                             record("region_end", d + a) + record("task_group", d + a + b + k) +
-                             record("relation", d + a + field(3) + b) +
-                             record("metadata", d + a + k + field(3) + field(1) + field(5)) +
-                             record("metadata_stringA", d + a + k + field(4) + field("text")));
+    std::string low_domain_record =
+        record("task_begin", field(sign_extended(r.a[0])) + id_field(7, 0, 0) + id_field(0, 0, 0) + k + field(3));
+    EXPECT_EQ(r.file, file_of(low_domain_record + record("id_create", d + a) + record("id_destroy", d + a) +
+                              record("task_begin", d + a + b + k + field(3)) +
+                              record("task_begin_async", d + a + b + k + field(3)) + record("task_end", d) +
+                              record("task_end_async", d + a) + record("region_begin", d + a + b + k) +
+                              record("region_end", d + a) + record("task_group", d + a + b + k) +
+                              record("relation", d + a + field(3) + b) +
+                              record("metadata", d + a + k + field(3) + field(1) + field(5)) +
+                              record("metadata_stringA", d + a + k + field(4) + field("text"))));
 }
 
 // The library's own handles, wherever its allocator put them, are recorded
@@ -163,7 +129,7 @@ TEST(addresses_32bit, high_handles_in_every_record_kind) {
 // unlimited stack size).
 TEST(addresses_32bit, library_handles_recorded_by_the_same_rule) {
     run_output r = run([](zop_api& api) {
-        force_cpu(0);
+        forced_cpu = 0;
         std::thread([&] {
             ___zop_domain* d = api.domain_createA("d");
             ___zop_string_handle* h = api.string_handle_createA("h");
@@ -171,13 +137,11 @@ TEST(addresses_32bit, library_handles_recorded_by_the_same_rule) {
             printf("%u %u\n", address_of(d), address_of(h));
         }).join();
     });
-    std::vector<std::uint32_t> a = addresses(r.child.out);
-    ASSERT_EQ(a.size(), 2u) << r.child.out;
-    SCOPED_TRACE("domain at " + std::to_string(a[0]) + ", name at " + std::to_string(a[1]));
-    const std::string d = field(sign_extended(a[0])), h = field(sign_extended(a[1]));
-    EXPECT_EQ(r.records, record("domain_createA", d + field(1) + field("d")) +
-                             record("string_handle_createA", h + field(1) + field("h")) +
-                             record("task_begin", d + id_field(1, 0, 0) + id_field(0, 0, 0) + h + field(0)));
+    SCOPED_TRACE("domain at " + std::to_string(r.a[0]) + ", name at " + std::to_string(r.a[1]));
+    const std::string d = field(sign_extended(r.a[0])), h = field(sign_extended(r.a[1]));
+    EXPECT_EQ(r.file, file_of(record("domain_createA", d + field(1) + field("d")) +
+                              record("string_handle_createA", h + field(1) + field("h")) +
+                              record("task_begin", d + id_field(1, 0, 0) + id_field(0, 0, 0) + h + field(0))));
 }
 
 // sched_getcpu failing with -1 gives the processor number 2^64 - 1 in both
@@ -185,11 +149,11 @@ TEST(addresses_32bit, library_handles_recorded_by_the_same_rule) {
 // answers (the thread is pinned to CPU 0).
 TEST(processor_number_32bit, failing_sched_getcpu_recorded_as_all_ones) {
     run_output r = run([](zop_api& api) {
-        force_cpu(-1);
+        forced_cpu = -1;
         api.task_begin(nullptr, {1, 0, 0}, {0, 0, 0}, nullptr);
         api.task_begin_explicit(nullptr, {2, 0, 0}, {0, 0, 0}, nullptr);
         api.task_begin_async(nullptr, {3, 0, 0}, {0, 0, 0}, nullptr);
-        cpu_forced = false;
+        forced_cpu = unforced;
         cpu_set_t cpus;
         CPU_ZERO(&cpus);
         CPU_SET(0, &cpus);
@@ -198,10 +162,10 @@ TEST(processor_number_32bit, failing_sched_getcpu_recorded_as_all_ones) {
     });
     using namespace trace_format;
     const std::string all_ones = "18446744073709551615";
-    EXPECT_EQ(r.records, record(kind_task_begin, {"0", "1,0,0", "0,0,0", "0", all_ones}) +
-                             record(kind_task_begin, {"0", "2,0,0", "0,0,0", "0", all_ones}) +
-                             record(kind_task_begin_async, {"0", "3,0,0", "0,0,0", "0", all_ones}) +
-                             record(kind_task_begin, {"0", "4,0,0", "0,0,0", "0", "0"}));
+    EXPECT_EQ(r.file, file_of(record(kind_task_begin, {"0", "1,0,0", "0,0,0", "0", all_ones}) +
+                              record(kind_task_begin, {"0", "2,0,0", "0,0,0", "0", all_ones}) +
+                              record(kind_task_begin_async, {"0", "3,0,0", "0,0,0", "0", all_ones}) +
+                              record(kind_task_begin, {"0", "4,0,0", "0,0,0", "0", "0"})));
 }
 
 // Types 1 and 3 both read the four bytes at data, and no more: the value is
@@ -225,7 +189,7 @@ TEST(metadata_32bit, types_one_and_three_read_four_bytes) {
     for (std::uint32_t v : values)
         for (int type : {1, 3})
             expected += record("metadata", field(0) + id_field(9, 0, 0) + field(0) + field(type) + field(1) + field(v));
-    EXPECT_EQ(r.records, expected);
+    EXPECT_EQ(r.file, file_of(expected));
 }
 
 // A trace file of an earlier run larger than 2 GiB (sparse: it takes no
@@ -238,16 +202,13 @@ TEST(large_files_32bit, earlier_file_over_2_gib_is_reused) {
     ASSERT_GE(fd, 0);
     ASSERT_EQ(ftruncate64(fd, 3ll << 30), 0);
     close(fd);
-    child_options options;
-    options.set_env = {{"VUN_DIR", dir.path}};
-    child_result child = run_in_child(options, [](zop_api& api) { api.task_end(nullptr); });
+    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [](zop_api& api) { api.task_end(nullptr); });
     EXPECT_EQ(child.status, 0);
     EXPECT_EQ(child.err, "");
     struct stat64 st;
     ASSERT_EQ(stat64(path.c_str(), &st), 0);
     ASSERT_LT(st.st_size, 1 << 20);
-    EXPECT_EQ(mask_timestamps(read_file(path)), header_lines(std::thread::hardware_concurrency()) +
-                                                    record("task_end", field(0)) + file_end());
+    EXPECT_EQ(mask_timestamps(read_file(path)), file_of(record("task_end", field(0))));
 }
 
 }  // namespace

@@ -15,117 +15,78 @@ namespace {
 
 using namespace trace_format;
 
-// What a case emits and what it must leave between the header and the end.
+// A handle's field: its address, sign-extended to 64 bits.
+std::string address(const void* p) {
+    return std::to_string(static_cast<unsigned long long>(static_cast<long long>(reinterpret_cast<intptr_t>(p))));
+}
+
+// A case makes its calls, with a domain d and a string handle h made
+// beforehand, and returns the records they must leave.
 struct api_case {
     const char* name;
-    void (*emit)(zop_api& api, ___zop_domain* d, ___zop_string_handle* h);
-    // Expected records; d and h are the handle fields as recorded.
-    std::string (*expected)(const std::string& d, const std::string& h);
+    std::string (*emit)(zop_api& a, ___zop_domain* d, ___zop_string_handle* h);
 };
-
-// Runs one case in a fresh child pinned to CPU 0 and returns the text of the
-// first thread's file, the recorded handle fields, and what the file must
-// hold before the case's records: the header and the two handle records.
-struct case_output {
-    child_result child;
-    std::string trace, d, h, prefix;
-};
-
-unsigned long long address(const void* p) {
-    return static_cast<unsigned long long>(static_cast<long long>(reinterpret_cast<intptr_t>(p)));
-}
-
-case_output run_case(void (*emit)(zop_api&, ___zop_domain*, ___zop_string_handle*)) {
-    temp_dir dir;
-    case_output result;
-    result.child = run_in_child({{{"VUN_DIR", dir.path}}}, [&](zop_api& api) {
-        cpu_set_t cpus;
-        CPU_ZERO(&cpus);
-        CPU_SET(0, &cpus);
-        sched_setaffinity(0, sizeof cpus, &cpus);
-        ___zop_domain* d = api.domain_createA("d");
-        ___zop_string_handle* h = api.string_handle_createA("h");
-        printf("%llu %llu\n", address(d), address(h));
-        emit(api, d, h);
-    });
-    char d[32] = "", h[32] = "";
-    sscanf(result.child.out.c_str(), "%31s %31s", d, h);
-    result.d = d, result.h = h;
-    result.trace = mask_timestamps(read_file(dir.path + "/_ryl.0"));
-    result.prefix = header_lines(std::thread::hardware_concurrency()) +
-                    record(kind_domain_createA, {result.d, "1", "d"}) +
-                    record(kind_string_handle_createA, {result.h, "1", "h"});
-    return result;
-}
 
 const __zop_id id7{7, 0, 1};
 const __zop_id null_id{0, 0, 0};
 
 const api_case api_cases[] = {
-    {"ids_full_words",
+    // Numbers around every digit count, and full words.
+    {"ids",
      [](zop_api& a, ___zop_domain* d, ___zop_string_handle*) {
-         a.id_create(d, id7);
-         a.id_destroy(d, {18446744073709551615ULL, 4294967296ULL, 255});
-     },
-     [](const std::string& d, const std::string&) {
-         return record(kind_id_create, {d, "7,0,1"}) +
-                record(kind_id_destroy, {d, "18446744073709551615,4294967296,255"});
-     }},
-    {"numbers_around_every_digit_count",
-     [](zop_api& a, ___zop_domain*, ___zop_string_handle*) {
-         for (unsigned long long power = 10, k = 1; k < 20; power *= 10, ++k)
-             a.id_create(nullptr, {power - 1, power, power + 1});
-         a.id_create(nullptr, {18446744073709551615ULL, 9999999999999999999ULL, 10000000000000000000ULL});
-     },
-     [](const std::string&, const std::string&) {
+         const std::string ds = address(d);
          std::string records;
-         for (unsigned long long power = 10, k = 1; k < 20; power *= 10, ++k)
+         for (unsigned long long power = 10, k = 1; k < 20; power *= 10, ++k) {
+             a.id_create(nullptr, {power - 1, power, power + 1});
              records += record(kind_id_create, {"0", std::to_string(power - 1) + "," + std::to_string(power) +
                                                          "," + std::to_string(power + 1)});
+         }
+         a.id_create(d, {18446744073709551615ULL, 9999999999999999999ULL, 10000000000000000000ULL});
+         a.id_destroy(d, {18446744073709551615ULL, 4294967296ULL, 255});
          return records +
-                record(kind_id_create, {"0", "18446744073709551615,9999999999999999999,10000000000000000000"});
+                record(kind_id_create, {ds, "18446744073709551615,9999999999999999999,10000000000000000000"}) +
+                record(kind_id_destroy, {ds, "18446744073709551615,4294967296,255"});
      }},
     // Every form of task begin (explicit is the same kind) and end.
     {"tasks",
      [](zop_api& a, ___zop_domain* d, ___zop_string_handle* h) {
+         const std::string ds = address(d), hs = address(h);
          a.task_begin(d, {7, 0, 0}, null_id, h);
          a.task_begin_explicit(d, id7, {3, 2, 1}, h);
          a.task_begin_async(d, id7, null_id, h);
          a.task_end(d);
          a.task_end_explicit(d);
          a.task_end_async(d, id7);
-     },
-     [](const std::string& d, const std::string& h) {
-         return record(kind_task_begin, {d, "7,0,0", "0,0,0", h, "0"}) +
-                record(kind_task_begin, {d, "7,0,1", "3,2,1", h, "0"}) +
-                record(kind_task_begin_async, {d, "7,0,1", "0,0,0", h, "0"}) + record(kind_task_end, {d}) +
-                record(kind_task_end, {d}) + record(kind_task_end_async, {d, "7,0,1"});
+         return record(kind_task_begin, {ds, "7,0,0", "0,0,0", hs, "0"}) +
+                record(kind_task_begin, {ds, "7,0,1", "3,2,1", hs, "0"}) +
+                record(kind_task_begin_async, {ds, "7,0,1", "0,0,0", hs, "0"}) + record(kind_task_end, {ds}) +
+                record(kind_task_end, {ds}) + record(kind_task_end_async, {ds, "7,0,1"});
      }},
-    {"region_group_and_null_handles",
+    // Null handles are recorded as 0; a relation keeps the low 8 bits of its kind.
+    {"regions_groups_and_relations",
      [](zop_api& a, ___zop_domain* d, ___zop_string_handle* h) {
+         const std::string ds = address(d), hs = address(h);
          a.region_begin(d, id7, {1, 0, 0}, h);
          a.region_end(d, id7);
          a.task_group(d, {19, 0, 0}, null_id, h);
          a.task_group(nullptr, id7, null_id, nullptr);
-     },
-     [](const std::string& d, const std::string& h) {
-         return record(kind_region_begin, {d, "7,0,1", "1,0,0", h}) + record(kind_region_end, {d, "7,0,1"}) +
-                record(kind_task_group, {d, "19,0,0", "0,0,0", h}) + record(kind_task_group, {"0", "7,0,1", "0,0,0", "0"});
-     }},
-    {"relation_low_8_bits",
-     [](zop_api& a, ___zop_domain* d, ___zop_string_handle*) {
+         std::string records = record(kind_region_begin, {ds, "7,0,1", "1,0,0", hs}) +
+                               record(kind_region_end, {ds, "7,0,1"}) +
+                               record(kind_task_group, {ds, "19,0,0", "0,0,0", hs}) +
+                               record(kind_task_group, {"0", "7,0,1", "0,0,0", "0"});
          for (int kind : {3, 259, 256, -1}) a.relation_add(d, {5, 1, 0}, kind, {9, 0, 0});
-     },
-     [](const std::string& d, const std::string&) {
-         std::string records;
-         for (const char* kind : {"3", "3", "0", "255"}) records += record(kind_relation, {d, "5,1,0", kind, "9,0,0"});
+         for (const char* kind : {"3", "3", "0", "255"})
+             records += record(kind_relation, {ds, "5,1,0", kind, "9,0,0"});
          return records;
      }},
     // Type 1 is read at full pointer width (a code address), type 3 as 32
     // bits even where more follow; other counts, types and null data are
-    // dropped, and the file still takes records afterwards.
+    // dropped, and the file still takes records afterwards. A string's
+    // length field is the given length, its text the whole string (empty for
+    // null).
     {"metadata",
      [](zop_api& a, ___zop_domain* d, ___zop_string_handle* h) {
+         const std::string ds = address(d), hs = address(h);
          uint32_t small = 42;
          a.metadata_add(d, id7, h, 3, 1, &small);
          uintptr_t code = sizeof(void*) == 8 ? uintptr_t(0x7f12345678abULL) : uintptr_t(0x8048000);
@@ -137,36 +98,42 @@ const api_case api_cases[] = {
          a.metadata_add(d, id7, h, 1, 1, nullptr);
          a.metadata_add(d, id7, h, 3, 1, nullptr);
          a.task_end(d);
-     },
-     [](const std::string& d, const std::string& h) {
-         std::string code = sizeof(void*) == 8 ? std::to_string(0x7f12345678abULL) : std::to_string(0x8048000);
-         return record(kind_metadata, {d, "7,0,1", h, "3", "1", "42"}) +
-                record(kind_metadata, {d, "7,0,1", h, "1", "1", code}) +
-                record(kind_metadata, {d, "7,0,1", h, "3", "1", "7"}) + record(kind_task_end, {d});
-     }},
-    {"metadata_strings",
-     [](zop_api& a, ___zop_domain* d, ___zop_string_handle* h) {
          a.metadata_str_addA(d, id7, h, "abc", 10);
          a.metadata_str_add(d, id7, h, "abc", 0);
          a.metadata_str_addA(d, id7, h, "a<b&c\"\nd", 3);
          a.metadata_str_addA(d, id7, h, nullptr, 5);
-     },
-     [](const std::string& d, const std::string& h) {
-         return record(kind_metadata_stringA, {d, "7,0,1", h, "10", "abc"}) +
-                record(kind_metadata_stringA, {d, "7,0,1", h, "0", "abc"}) +
-                record(kind_metadata_stringA, {d, "7,0,1", h, "3", "a<b&c\"\nd"}) +
-                record(kind_metadata_stringA, {d, "7,0,1", h, "5", ""});
+         return record(kind_metadata, {ds, "7,0,1", hs, "3", "1", "42"}) +
+                record(kind_metadata, {ds, "7,0,1", hs, "1", "1", std::to_string(code)}) +
+                record(kind_metadata, {ds, "7,0,1", hs, "3", "1", "7"}) + record(kind_task_end, {ds}) +
+                record(kind_metadata_stringA, {ds, "7,0,1", hs, "10", "abc"}) +
+                record(kind_metadata_stringA, {ds, "7,0,1", hs, "0", "abc"}) +
+                record(kind_metadata_stringA, {ds, "7,0,1", hs, "3", "a<b&c\"\nd"}) +
+                record(kind_metadata_stringA, {ds, "7,0,1", hs, "5", ""});
      }},
 };
 
 class api_records : public ::testing::TestWithParam<api_case> {};
 
+// Each case runs in a fresh child pinned to CPU 0 that makes the handles
+// first, and prints the whole file its first thread must leave.
 TEST_P(api_records, written_byte_for_byte) {
-    const api_case& c = GetParam();
-    case_output out = run_case(c.emit);
-    ASSERT_EQ(out.child.status, 0) << out.child.err;
-    EXPECT_EQ(out.trace, out.prefix + c.expected(out.d, out.h) + file_end());
-    EXPECT_EQ(out.child.err, "");
+    temp_dir dir;
+    auto emit = GetParam().emit;
+    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [emit](zop_api& api) {
+        cpu_set_t cpus;
+        CPU_ZERO(&cpus);
+        CPU_SET(0, &cpus);
+        sched_setaffinity(0, sizeof cpus, &cpus);
+        ___zop_domain* d = api.domain_createA("d");
+        ___zop_string_handle* h = api.string_handle_createA("h");
+        std::string expected = header_lines(std::thread::hardware_concurrency()) +
+                               record(kind_domain_createA, {address(d), "1", "d"}) +
+                               record(kind_string_handle_createA, {address(h), "1", "h"}) + emit(api, d, h);
+        fputs((expected + file_end()).c_str(), stdout);
+    });
+    ASSERT_EQ(child.status, 0) << child.err;
+    EXPECT_EQ(mask_timestamps(read_file(dir.path + "/_ryl.0")), child.out);
+    EXPECT_EQ(child.err, "");
 }
 
 INSTANTIATE_TEST_SUITE_P(all, api_records, ::testing::ValuesIn(api_cases),

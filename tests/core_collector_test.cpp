@@ -38,36 +38,56 @@ std::vector<std::string> pool_names(int count, const char* extra = nullptr) {
 
 // VUN_DIR names an existing directory: the pool files are made in it,
 // close-on-exec; a file of an earlier run is emptied, a number nobody opens
-// is kept. Threads that start one after another: the first ones take the
-// pool in order of their first records, later ones get new files; an ended
-// thread's file is never handed on.
-TEST(collector_directory, vun_dir_existing_and_files_in_emission_order) {
-    temp_dir dir;
+// is kept, and a file written after the load belongs to another process of
+// the run, even without a lock on it: its number is skipped. Threads that
+// start one after another: the first ones take the pool in order of their
+// first records, later ones get new files; an ended thread's file is never
+// handed on. dlclose finishes every file and really unloads the library (the
+// collector lives in the library's own storage); loading it again starts a
+// fresh collector, which reads VUN_DIR again.
+TEST(collector_directory, vun_dir_existing_files_in_emission_order_and_unload) {
+    temp_dir dir, second;
     FILE* old = fopen(ryl(dir.path, 0).c_str(), "w");
     fputs("old contents that are longer than a header line\n", old);
     fclose(old);
     fclose(fopen(ryl(dir.path, 500).c_str(), "w"));
     const int threads = pool + 2;
-    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [&](zop_api& api) {
+    child_options options{{{"VUN_DIR", dir.path}}};
+    options.unload = true;
+    child_result child = run_in_child(options, [&](zop_api& api) {
         int trace_fds = 0, inheritable = 0;
-        for (int fd = 0; fd < 1024; ++fd) {
-            char link[64], target[4096];
-            snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-            ssize_t n = readlink(link, target, sizeof target - 1);
+        for (const std::string& fd : list_dir("/proc/self/fd")) {
+            char target[4096];
+            ssize_t n = readlink(("/proc/self/fd/" + fd).c_str(), target, sizeof target - 1);
             if (n <= 0 || (target[n] = 0, !strstr(target, "/_ryl."))) continue;
             ++trace_fds;
-            inheritable += !(fcntl(fd, F_GETFD) & FD_CLOEXEC);
+            inheritable += !(fcntl(std::stoi(fd), F_GETFD) & FD_CLOEXEC);
         }
         printf("%d %d\n", trace_fds, inheritable);
+        FILE* newer = fopen(ryl(dir.path, pool).c_str(), "w");
+        fputs("another process's records\n", newer);
+        fclose(newer);
         for (int i = 0; i < threads; ++i) std::thread([&api, i] { api.id_create(nullptr, {unsigned(i), 0, 0}); }).join();
+        dlclose(api.handle);
+        printf("unloaded=%d\n", dlopen(library_path(), RTLD_NOW | RTLD_NOLOAD) == nullptr);
+        setenv("VUN_DIR", second.path.c_str(), 1);
+        api.handle = dlopen(library_path(), RTLD_NOW | RTLD_LOCAL);
+        reinterpret_cast<decltype(&__zop_task_end)>(dlsym(api.handle, "__zop_task_end"))(nullptr);
     });
     ASSERT_EQ(child.status, 0);
-    EXPECT_EQ(child.out, std::to_string(pool) + " 0\n");
+    EXPECT_EQ(child.out, std::to_string(pool) + " 0\nunloaded=1\n");
     EXPECT_EQ(child.err, "");
-    EXPECT_EQ(list_dir(dir.path), pool_names(threads, "_ryl.500"));
+    EXPECT_EQ(list_dir(dir.path), pool_names(threads + 1, "_ryl.500"));
+    EXPECT_EQ(read_file(ryl(dir.path, pool)), "another process's records\n");
     for (int i = 0; i < threads; ++i)
-        EXPECT_EQ(mask_timestamps(read_file(ryl(dir.path, i))),
+        EXPECT_EQ(mask_timestamps(read_file(ryl(dir.path, i < pool ? i : i + 1))),
                   header_lines(hc) + record(trace_format::kind_id_create, {"0", std::to_string(i) + ",0,0"}) + file_end());
+    // The fresh collector's files; the ones nobody took are finished at the
+    // unload too.
+    EXPECT_EQ(mask_timestamps(read_file(ryl(second.path, 0))),
+              header_lines(hc) + record("task_end", field(0)) + file_end());
+    for (int i = 1; i < pool; ++i)
+        EXPECT_EQ(mask_timestamps(read_file(ryl(second.path, i))), header_lines(hc) + file_end());
 }
 
 // Makes the run directory base names of the next seconds (and, with
@@ -123,39 +143,42 @@ TEST(collector_directory, unset_or_empty_vun_dir_takes_next_free_name) {
     }
 }
 
-// VUN_DIR naming a missing directory, a file, a path too long: every writer
-// diverts its text to standard error.
+// VUN_DIR naming a missing directory, a file, a path too long, or a pattern
+// whose result cannot be made (too long, or its parent missing: only the last
+// level is made): every writer diverts its text to standard error.
 TEST(collector_directory, unusable_vun_dir_diverts_to_standard_error) {
     temp_dir dir;
     std::string missing = dir.path + "/does/not/exist", file = dir.path + "/plain_file";
+    std::string too_long = dir.path + "/" + std::string(PATH_MAX + 10, 'x');
     fclose(fopen(file.c_str(), "w"));
-    for (const std::string& vun_dir : {missing, file, dir.path + "/" + std::string(PATH_MAX + 10, 'x')}) {
+    // One warning line before the text of each lock span.
+    const std::string w = "WARNING NO OPEN FILE: ";
+    auto spans = [&w](std::initializer_list<std::string> texts) {
+        std::string lines;
+        for (const std::string& text : texts) lines += w + text;
+        return lines;
+    };
+    std::string expected;
+    for (int i = 0; i < pool; ++i) expected += w + header_lines(hc);
+    // The compound field's five lines are one span; so is a text field,
+    // however it is put together.
+    expected += spans({"<record>\n", field("id_create"), field("TS"), field(0), id_field(1, 2, 3), "</record>\n"});
+    expected += spans({"<record>\n", field("metadata_stringA"), field("TS"), field(0), id_field(4, 5, 6), field(0),
+                       field(4), field("text"), "</record>\n"});
+    for (int i = 0; i < pool; ++i)
+        expected += spans({"<record>\n", field("end_of_records"), field("TS"), "</record>\n", "</trace>\n"});
+    for (const std::string& vun_dir : {missing, file, too_long, too_long + "%p", missing + "/%p"}) {
         child_result child = run_in_child({{{"VUN_DIR", vun_dir}}}, [](zop_api& api) {
             api.id_create(nullptr, {1, 2, 3});
             api.metadata_str_addA(nullptr, {4, 5, 6}, nullptr, "text", 4);
         });
         ASSERT_EQ(child.status, 0);
-        EXPECT_EQ(child.out, "");
+        // A pattern is expanded (%p is the process id), and mkdir of the result fails.
+        std::string out = std::regex_replace(child.out, std::regex("\\d+\n$"), "%p\n");
+        EXPECT_EQ(out, vun_dir.find('%') != std::string::npos ? "WARNING when issuing: mkdir " + vun_dir + "\n" : "");
         EXPECT_FALSE(file_exists(missing));
-        const std::string w = "WARNING NO OPEN FILE: ";
-        std::string header = w + header_lines(hc);
-        auto finish = [&] {
-            return w + "<record>\n" + w + "<field>end_of_records</field>\n" + w + "<field>TS</field>\n" + w +
-                   "</record>\n" + w + "</trace>\n";
-        };
-        std::string expected;
-        for (int i = 0; i < pool; ++i) expected += header;
-        // One warning per lock span: the compound field's five lines have one.
-        expected += w + "<record>\n" + w + "<field>id_create</field>\n" + w + "<field>TS</field>\n" + w +
-                    "<field>0</field>\n" + w + "<compound_field>\n<field>1</field>\n<field>2</field>\n<field>3</field>\n" +
-                    "</compound_field>\n" + w + "</record>\n";
-        // A text field is one span too, however it is put together.
-        expected += w + "<record>\n" + w + "<field>metadata_stringA</field>\n" + w + "<field>TS</field>\n" + w +
-                    "<field>0</field>\n" + w + "<compound_field>\n<field>4</field>\n<field>5</field>\n<field>6</field>\n" +
-                    "</compound_field>\n" + w + "<field>0</field>\n" + w + "<field>4</field>\n" + w + "<field>text</field>\n" +
-                    w + "</record>\n";
-        for (int i = 0; i < pool; ++i) expected += finish();
-        std::string err = std::regex_replace(child.err, std::regex(w + "<field>\\d{12,}</field>"), w + "<field>TS</field>");
+        std::string err =
+            std::regex_replace(child.err, std::regex(w + "<field>\\d{12,}</field>"), w + "<field>TS</field>");
         EXPECT_EQ(err, expected) << vun_dir.substr(0, 100);
     }
 }
@@ -198,34 +221,6 @@ TEST(collector_threads, concurrent_records_stay_whole) {
         }
     }
     EXPECT_EQ(seen.size(), size_t(threads));
-}
-
-// dlclose finishes every file and really unloads the library (the collector
-// lives in the library's own storage); loading it again starts a fresh one.
-TEST(collector_unload, dlclose_finishes_files_and_unmaps) {
-    temp_dir dir, second;
-    child_options options;
-    options.set_env = {{"VUN_DIR", dir.path}};
-    options.unload = true;
-    std::string second_dir = second.path;
-    child_result child = run_in_child(options, [&](zop_api& api) {
-        api.task_end(nullptr);
-        std::thread([&] { api.task_end(nullptr); }).join();
-        dlclose(api.handle);
-        printf("unloaded=%d\n", dlopen(library_path(), RTLD_NOW | RTLD_NOLOAD) == nullptr);
-        // A fresh load reads VUN_DIR again and opens new files there.
-        setenv("VUN_DIR", second_dir.c_str(), 1);
-        api.handle = dlopen(library_path(), RTLD_NOW | RTLD_LOCAL);
-        auto task_end = reinterpret_cast<decltype(&__zop_task_end)>(dlsym(api.handle, "__zop_task_end"));
-        task_end(nullptr);
-    });
-    ASSERT_EQ(child.status, 0) << child.err;
-    EXPECT_EQ(child.out, "unloaded=1\n");
-    std::string one_end = header_lines(hc) + record("task_end", field(0)) + file_end();
-    for (const std::string& file : {ryl(dir.path, 0), ryl(dir.path, 1), ryl(second.path, 0)})
-        EXPECT_EQ(mask_timestamps(read_file(file)), one_end) << file;
-    // The files nobody took are finished at the first unload too.
-    for (int i = 2; i < pool; ++i) EXPECT_EQ(mask_timestamps(read_file(ryl(dir.path, i))), header_lines(hc) + file_end());
 }
 
 // While the process exits, a thread goes on emitting and creating handles

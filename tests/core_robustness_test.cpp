@@ -8,12 +8,10 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/time.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -74,8 +72,7 @@ TEST(killed_process, files_hold_every_returned_record) {
             temp_dir dir;
             // How many records the child has finished, seen by the parent.
             std::atomic<long>* done = shared_counter<long>();
-            child_options options;
-            options.set_env = {{"VUN_DIR", dir.path}, {"VUN_MODE", mode}};
+            child_options options{{{"VUN_DIR", dir.path}, {"VUN_MODE", mode}}};
             started_child child = start_child(options, [done](zop_api& api) {
                 for (unsigned long i = 0;; ++i) {
                     api.id_create(nullptr, {i, 0, 0});
@@ -92,7 +89,6 @@ TEST(killed_process, files_hold_every_returned_record) {
 
             std::string text = read_file(dir.path + "/_ryl.0");
             size_t content = text.find('\0');
-            if (content == std::string::npos) content = text.size();
             EXPECT_EQ(text.find_first_not_of('\0', content), std::string::npos)
                 << mode << ": data after zeros at " << content << " of " << text.size();
             parsed_trace trace = parse_whole_records(text);
@@ -112,8 +108,7 @@ TEST(killed_process, files_hold_every_returned_record) {
 TEST(full_disk, file_size_limit_stops_output_without_a_signal) {
     for (const char* mode : modes) {
         temp_dir dir;
-        child_options options;
-        options.set_env = {{"VUN_DIR", dir.path}, {"VUN_MODE", mode}};
+        child_options options{{{"VUN_DIR", dir.path}, {"VUN_MODE", mode}}};
         options.before_load = [] {
             rlimit limit{300 * 1024, 300 * 1024};
             setrlimit(RLIMIT_FSIZE, &limit);
@@ -151,8 +146,7 @@ TEST(full_disk, failed_switch_to_ordinary_writes_leaves_the_file_alone) {
     child_options options{{{"VUN_DIR", dir.path}, {"VUN_MODE", "mapped"}}};
     options.before_load = [] {
         memory_file = memfd_create("trace", MFD_ALLOW_SEALING);
-        int ok = symlink(("/proc/self/fd/" + std::to_string(memory_file)).c_str(), path.c_str());
-        (void)ok;
+        if (symlink(("/proc/self/fd/" + std::to_string(memory_file)).c_str(), path.c_str()) != 0) _exit(91);
     };
     child_result child = run_in_child(options, [](zop_api& api) {
         api.task_end(nullptr);
@@ -176,9 +170,7 @@ TEST(full_disk, small_file_system_fills_up) {
     if (mount("tmpfs", dir.path.c_str(), "tmpfs", 0, "size=1m") != 0)
         GTEST_SKIP() << "cannot mount a small tmpfs here (" << strerror(errno) << "); the size-limit test covers it";
     for (const char* mode : modes) {
-        child_options options;
-        options.set_env = {{"VUN_DIR", dir.path}, {"VUN_MODE", mode}};
-        child_result child = run_in_child(options, fill);
+        child_result child = run_in_child({{{"VUN_DIR", dir.path}, {"VUN_MODE", mode}}}, fill);
         EXPECT_EQ(child.status, 0) << mode << child.err;
         EXPECT_EQ(child.out, "done\n");
         EXPECT_NE(child.err.find("WARNING write to " + dir.path + "/_ryl.0 failed: No space left on device"),
@@ -219,29 +211,6 @@ TEST(several_processes, shared_run_directory) {
     }
 }
 
-// A later run takes over the files of an ended one (older than its load);
-// a file written after the load belongs to another process of the run, even
-// without a lock on it: its number is skipped.
-TEST(several_processes, reuse_of_ended_runs_and_newer_files_skipped) {
-    temp_dir dir;
-    child_options options{{{"VUN_DIR", dir.path}}};
-    ASSERT_EQ(run_in_child(options, [](zop_api& api) { api.id_create(nullptr, {1, 1, 0}); }).status, 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    std::string newer = dir.path + "/_ryl." + std::to_string(pool);
-    child_result child = run_in_child(options, [&](zop_api& api) {
-        FILE* f = fopen(newer.c_str(), "w");
-        fputs("another process's records\n", f);
-        fclose(f);
-        for (int t = 0; t <= pool; ++t) std::thread([&api, t] { api.id_create(nullptr, {unsigned(t), 0, 0}); }).join();
-    });
-    ASSERT_EQ(child.status, 0);
-    EXPECT_EQ(created_ids(parse_trace(read_file(dir.path + "/_ryl.0"))), std::vector<std::string>{"0,0"});
-    EXPECT_EQ(read_file(newer), "another process's records\n");
-    std::string next = dir.path + "/_ryl." + std::to_string(pool + 1);
-    EXPECT_EQ(created_ids(parse_trace(read_file(next))), std::vector<std::string>{std::to_string(pool) + ",0"});
-    EXPECT_EQ(list_dir(dir.path).size(), size_t(pool + 2));
-}
-
 TEST(several_processes, same_second_without_vun_dir_gets_two_directories) {
     temp_dir cwd;
     child_options options;
@@ -263,23 +232,36 @@ TEST(several_processes, same_second_without_vun_dir_gets_two_directories) {
     EXPECT_EQ(ids, (std::set<std::string>{"1,0", "2,0"}));
 }
 
-TEST(settings, vun_dir_pattern) {
+// VUN_DIR as a pattern of host name, process id and a literal percent sign
+// (anything else stays as it is; a pattern that cannot be made is a case of
+// core_collector_test); an unknown VUN_MODE, a working directory that has
+// gone: no crash, and the documented messages.
+TEST(settings, vun_dir_pattern_and_bad_settings) {
     temp_dir dir;
     char host[256] = "";
     gethostname(host, sizeof host - 1);
     std::string pattern = dir.path + "/run-%h-%p-%%-%x-%";
-    started_child child = start_child({{{"VUN_DIR", pattern}}}, [](zop_api& api) { api.task_end(nullptr); });
+    started_child child =
+        start_child({{{"VUN_DIR", pattern}, {"VUN_MODE", "fast"}}}, [](zop_api& api) { api.task_end(nullptr); });
     child_result result = wait_child(child);
     ASSERT_EQ(result.status, 0);
     EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "WARNING unknown VUN_MODE 'fast': writing trace files in stream mode\n");
     std::string made = "run-" + std::string(host) + "-" + std::to_string(child.pid) + "-%-%x-%";
     EXPECT_EQ(list_dir(dir.path), std::vector<std::string>{made});
     EXPECT_EQ(list_dir(dir.path + "/" + made).size(), size_t(pool));
-    // The parent must exist; a failure is reported like any mkdir failure.
-    std::string missing = dir.path + "/no/such/%p";
-    started_child bad = start_child({{{"VUN_DIR", missing}}}, [](zop_api&) {});
-    child_result bad_result = wait_child(bad);
-    EXPECT_EQ(bad_result.out, "WARNING when issuing: mkdir " + dir.path + "/no/such/" + std::to_string(bad.pid) + "\n");
+    EXPECT_EQ(mask_timestamps(read_file(dir.path + "/" + made + "/_ryl.0")),
+              header_lines(hc) + record("task_end", field(0)) + file_end());
+    // A working directory that has gone: the run directory cannot be made.
+    temp_dir cwd;
+    child_options gone;
+    gone.cwd = cwd.path;
+    gone.unset_env = {"VUN_DIR"};
+    gone.before_load = [&] { rmdir(cwd.path.c_str()); };
+    child_result gone_result = run_in_child(gone, [](zop_api& api) { api.task_end(nullptr); });
+    EXPECT_EQ(gone_result.status, 0);
+    EXPECT_TRUE(std::regex_match(gone_result.out, std::regex("WARNING when issuing: mkdir _vun_\\d{8}_\\d{6}\n")))
+        << gone_result.out;
 }
 
 // fork() without exec: the child drops its parent's writers without writing
@@ -403,30 +385,6 @@ TEST(signal_handler, thread_held_inside_a_record_at_exit) {
         ASSERT_GE(ids.size(), size_t(1000 * (round + 1)));
         for (size_t i = 0; i < ids.size(); ++i) ASSERT_EQ(ids[i], std::to_string(i) + ",0");
     }
-}
-
-// Settings and surroundings that cannot work: no crash, files diverted to
-// standard error, and the documented messages.
-TEST(settings, bad_settings_and_run_directories) {
-    temp_dir dir;
-    child_result mode =
-        run_in_child({{{"VUN_DIR", dir.path}, {"VUN_MODE", "fast"}}}, [](zop_api& api) { api.task_end(nullptr); });
-    EXPECT_EQ(mode.err, "WARNING unknown VUN_MODE 'fast': writing trace files in stream mode\n");
-    EXPECT_EQ(mask_timestamps(read_file(dir.path + "/_ryl.0")),
-              header_lines(hc) + record("task_end", field(0)) + file_end());
-    std::string too_long = dir.path + "/" + std::string(PATH_MAX + 10, 'x') + "%p";
-    child_result pattern = run_in_child({{{"VUN_DIR", too_long}}}, [](zop_api& api) { api.task_end(nullptr); });
-    EXPECT_EQ(pattern.status, 0);
-    EXPECT_NE(pattern.err.find("WARNING NO OPEN FILE: <record>\n"), std::string::npos);
-    // A working directory that has gone: the run directory cannot be made.
-    temp_dir cwd;
-    child_options gone;
-    gone.cwd = cwd.path;
-    gone.unset_env = {"VUN_DIR"};
-    gone.before_load = [&] { rmdir(cwd.path.c_str()); };
-    child_result child = run_in_child(gone, [](zop_api& api) { api.task_end(nullptr); });
-    EXPECT_EQ(child.status, 0);
-    EXPECT_TRUE(std::regex_match(child.out, std::regex("WARNING when issuing: mkdir _vun_\\d{8}_\\d{6}\n"))) << child.out;
 }
 
 }  // namespace
