@@ -3,15 +3,6 @@
 # tests/fetch_libomp16.sh has unpacked it into RYL_LIBOMP16_DIR).
 ryl_add_test(ompt_adapter_test ompt_adapter_test.cpp ompt_support.cpp LABELS ompt threads)
 target_include_directories(ompt_adapter_test PRIVATE ${PROJECT_BINARY_DIR}/omp-tools)
-# In the 32-bit build these cases expect the ids of 64-bit slots and
-# addresses (the fake runtime's unique ids start at 2^32), of which a 32-bit
-# adapter reads the low 32 bits; ompt_32bit_test checks the translation there.
-ryl_disable_in_32bit(ompt_adapter_test
-  ompt_start_up.without_parallel_info_the_callbacks_region_stands
-  ompt_translation.two_threads_give_the_records_of_region_and_task
-  ompt_translation.dependence_direction_follows_the_type_bits
-  ompt_translation.sync_region_kinds_shown_as_barriers
-  ompt_translation.null_data_pointers_read_as_zero)
 
 if(NOT TARGET omp_example)
   include(${PROJECT_SOURCE_DIR}/examples/omp.cmake)

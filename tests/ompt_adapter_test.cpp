@@ -1,5 +1,9 @@
 // The OpenMP tool adapter driven by a fake OpenMP runtime: start-up,
-// registration, and the records that each event leaves, ids included.
+// registration, and the records that each event leaves, ids included. The
+// same cases run in the 32-bit build, where a slot reads back the low 32 bits
+// of the unique id stored in it, and every pointer-sized value (slot,
+// dependence address, code address) at or above 2^31 must enter an id or a
+// metadata value zero-extended, never sign-extended.
 #include <gtest/gtest.h>
 #include <omp-tools.h>
 
@@ -10,7 +14,6 @@
 #include <cstring>
 #include <functional>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,7 +31,10 @@ int answer = ompt_set_always, region_answer = 2;
 std::vector<int> registered;
 ompt_callback_t callbacks[64];
 std::vector<std::string> missing;
-std::atomic<std::uint64_t> next_id{1ull << 32};  // above 32 bits, so that an id cut to 32 bits would show
+// Unique ids above 2^32, so that an id cut to 32 bits would show, whose low
+// 32 bits are at or above 2^31.
+const std::uint64_t first_id = 0x1FFFFFFF0ull;
+std::atomic<std::uint64_t> next_id{first_id};
 ompt_data_t* region = nullptr;
 
 ompt_set_result_t set_callback(ompt_callbacks_t event, ompt_callback_t callback) {
@@ -50,6 +56,11 @@ ompt_interface_fn_t lookup(const char* name) {
     return nullptr;  // kept by the adapter, never called
 }
 }  // namespace fake
+
+// The n-th unique id, and any pointer-sized value the runtime passes, as the
+// adapter records it: whole in a 64-bit process, the low 32 bits in a 32-bit one.
+std::uint64_t pointer_sized(std::uint64_t value) { return std::uintptr_t(value); }
+std::uint64_t unique(unsigned n) { return pointer_sized(fake::first_id + n); }
 
 // The registered callback of an event, with its standard type.
 #define CB(event) reinterpret_cast<event##_t>(fake::callbacks[event])
@@ -89,12 +100,9 @@ session run(const std::function<void(zop_api&)>& body,
     session s;
     s.child = run_in_child({env, {"VUN_BARRIERS"}}, body);
     EXPECT_EQ(s.child.status, 0) << s.child.err;
-    std::vector<parsed_trace> traces = read_traces(dir.path);
-    handle_names names;
-    for (const parsed_trace& t : traces) learn_handles(t, names);
-    for (const parsed_trace& t : traces) {
-        EXPECT_TRUE(t.ok && t.finished) << t.error;
-        s.files.push_back(render(t, names));
+    for (const rendered_trace& t : read_rendered(dir.path)) {
+        EXPECT_TRUE(t.complete) << t.error;
+        s.files.push_back(t.lines);
     }
     if (s.files.empty()) s.files.emplace_back();
     return s;
@@ -157,7 +165,7 @@ TEST(ompt_start_up, records_registrations_and_refusals) {
 // Without ompt_get_parallel_info an implicit task stays under the region
 // that its callback names.
 TEST(ompt_start_up, without_parallel_info_the_callbacks_region_stands) {
-    const std::uint64_t R = 0x4242, T = 1ull << 32;
+    const std::uint64_t R = 0x4242, T = unique(0);
     session s = run([&](zop_api& api) {
         fake::missing = {"ompt_get_parallel_info"};
         start_tool(api);
@@ -186,10 +194,13 @@ struct relay {
 // One region with two implicit tasks on threads A and B; inside it, A creates
 // an explicit task with an out dependence, which B runs.
 TEST(ompt_translation, two_threads_give_the_records_of_region_and_task) {
-    // Unique ids in the order taken; base + 5 is B's thread data.
-    const std::uint64_t base = 1ull << 32, E = base, R = base + 1, F = base + 2, I = base + 3, TA = base + 4,
-                        TB = base + 6, T = base + 7, J = base + 8, O = base + 9;
-    const std::uint64_t V = 0x7ffd00001000, region_code = 0x7f1234567890, task_code = 0x55aa12345678;
+    // Unique ids in the order taken; unique(5) is B's thread data.
+    const std::uint64_t E = unique(0), R = unique(1), F = unique(2), I = unique(3), TA = unique(4),
+                        TB = unique(6), T = unique(7), J = unique(8), O = unique(9);
+    // The runtime stores V whole; the adapter reads the pointer-sized member.
+    const std::uint64_t V = 0x7ffdc0001000;
+    const std::uintptr_t region_code = std::uintptr_t(0x7f12f4567890),
+                         task_code = std::uintptr_t(0x55aaf7a01010);
     session s = run([&](zop_api& api) {
         start_tool(api);
         ompt_data_t e{}, r{}, ta{}, tb{}, t{}, thread_b{};
@@ -255,7 +266,7 @@ TEST(ompt_translation, two_threads_give_the_records_of_region_and_task) {
         rec("id_create", id(T)), rec("id_create", id(TA)), rec("relation", id(T), "5", id(TA)),
         rec("id_create", id(T, 1)), rec("task_group", id(T, 1), id(TA), "@node"),
         rec("metadata", id(T), "@code_address", "1", "1", std::to_string(task_code)),
-        rec("relation", id(T, 1), "7", id(V)),
+        rec("relation", id(T, 1), "7", id(pointer_sized(V))),
         rec("task_end"), rec("task_begin", id(TA), id(R), "@omp_barrier"), rec("task_end"),
         rec("task_end"),
         rec("metadata", id(R, 1), "@code_address", "1", "1", std::to_string(region_code)),
@@ -278,7 +289,7 @@ TEST(ompt_translation, two_threads_give_the_records_of_region_and_task) {
 // *_all_memory types of newer runtimes) writes task -> variable, else 1 (in,
 // source) variable -> task; anything else nothing.
 TEST(ompt_translation, dependence_direction_follows_the_type_bits) {
-    const std::uint64_t V = 0x7ffd00002000;
+    const std::uint64_t V = 0x7ffdc0002000, v = pointer_sized(V);
     const std::pair<int, char> cases[] = {{0, '-'}, {1, 'i'}, {2, 'o'}, {3, 'o'},  {4, '-'}, {5, 'i'},
                                           {6, 'o'}, {7, 'o'}, {8, '-'}, {34, 'o'}, {35, 'o'}};
     session s = run([&](zop_api& api) {
@@ -300,8 +311,8 @@ TEST(ompt_translation, dependence_direction_follows_the_type_bits) {
     });
     std::vector<std::string> expected;
     for (const auto& c : cases) {
-        if (c.second == 'o') expected.push_back(rec("relation", id(c.first, 1), "7", id(V)));
-        if (c.second == 'i') expected.push_back(rec("relation", id(V), "7", id(c.first, 1)));
+        if (c.second == 'o') expected.push_back(rec("relation", id(c.first, 1), "7", id(v)));
+        if (c.second == 'i') expected.push_back(rec("relation", id(v), "7", id(c.first, 1)));
     }
     EXPECT_EQ(s.events(), expected);
 }
@@ -362,7 +373,6 @@ TEST(ompt_translation, task_status_four_depends_on_the_runtime_version) {
 // scopes: the initial task's records only its end; the initial task's
 // creation gives the region around it a unique id, if there is a region.
 TEST(ompt_translation, initial_and_plain_tasks_write_nothing_at_creation) {
-    const std::uint64_t base = 1ull << 32;
     session s = run([&](zop_api& api) {
         start_tool(api);
         ompt_data_t initial{}, region{}, thread{}, plain{}, undeferred{}, implicit{};
@@ -378,7 +388,7 @@ TEST(ompt_translation, initial_and_plain_tasks_write_nothing_at_creation) {
         CB(ompt_callback_implicit_task)(ompt_scope_end, nullptr, &implicit, 1, 0, ompt_task_initial);
         CB(ompt_callback_implicit_task)(ompt_scope_beginend, &region, &implicit, 1, 0, ompt_task_implicit);
         for (ompt_data_t* d : {&thread, &initial, &region, &plain, &undeferred, &implicit})
-            printf("%llu ", static_cast<unsigned long long>(d->value - base));
+            printf("%llu ", static_cast<unsigned long long>(d->value - fake::first_id));
     });
     EXPECT_EQ(s.events(), std::vector<std::string>{rec("task_end")});
     // The region keeps the id of the first creation, made when it was reported.
@@ -388,7 +398,6 @@ TEST(ompt_translation, initial_and_plain_tasks_write_nothing_at_creation) {
 // A region, a task and their scopes reported without any data: zeros, and
 // no crash.
 TEST(ompt_translation, null_data_pointers_read_as_zero) {
-    const std::uint64_t base = 1ull << 32;
     session s = run([](zop_api& api) {
         start_tool(api);
         fake::region_answer = 0;
@@ -404,13 +413,12 @@ TEST(ompt_translation, null_data_pointers_read_as_zero) {
     });
     // Every id is made from a null slot, except the graph's and the fresh ones
     // of the region's ports and nodes; the code addresses read as 0.
-    const std::set<std::string> allowed = {"0", "19", std::to_string(base + 2), std::to_string(base + 3),
-                                           std::to_string(base + 7), std::to_string(base + 8)};
+    const std::set<std::string> allowed = {"0", "19", std::to_string(unique(2)), std::to_string(unique(3)),
+                                           std::to_string(unique(7)), std::to_string(unique(8))};
     std::vector<std::string> events = s.events();
     EXPECT_EQ(events.size(), 31u);  // 12 + 3 + 6 + 1 + 2 + 7
     for (const std::string& line : events) {
-        std::istringstream words(line);
-        for (std::string w; words >> w;)
+        for (const std::string& w : words(line))
             if (w[0] == '{') EXPECT_EQ(allowed.count(w.substr(1, w.find(',') - 1)), 1u) << line;
         if (line.compare(0, 8, "metadata") == 0) EXPECT_EQ(line.substr(line.size() - 6), " 1 1 0") << line;
     }

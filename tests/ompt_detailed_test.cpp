@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <iterator>
 #include <map>
 #include <set>
 #include <sstream>
@@ -26,11 +25,6 @@ struct shape_case {
 };
 
 void PrintTo(const shape_case& c, std::ostream* os) { *os << c.shape; }
-
-std::vector<std::string> words(const std::string& line) {
-    std::istringstream in(line);
-    return {std::istream_iterator<std::string>(in), {}};
-}
 
 // The lines of the objects file of the run, or none.
 std::vector<std::string> objects_lines(const std::string& dir) {
@@ -65,20 +59,17 @@ TEST_P(ompt_detailed, intervals_tasks_and_objects) {
     const bool killed = c.status != 0;
     if (!killed) EXPECT_NE(run.out.find("created " + std::to_string(c.created) + "\n"), std::string::npos) << run.out;
 
-    std::vector<parsed_trace> traces = read_traces(dir.path);
-    handle_names names;
-    for (const parsed_trace& t : traces) learn_handles(t, names);
+    const std::vector<rendered_trace> traces = read_rendered(dir.path);
     std::map<std::string, std::string> creator;      // explicit task id -> creator id (relation 5)
     std::map<std::string, std::set<std::string>> parents;  // task id -> parents of its intervals
     std::map<std::string, std::set<std::string>> numbers;  // region id -> thread numbers
     std::map<std::string, std::string> implicit_region;     // implicit task id -> region id
     std::map<std::string, int> begun;                // interval name -> count
     std::vector<std::pair<std::string, std::string>> explicit_begins;  // id, parent
-    for (const parsed_trace& t : traces) {
-        EXPECT_EQ(t.ok && t.finished, !killed) << t.error;
+    for (const rendered_trace& t : traces) {
+        EXPECT_EQ(t.complete, !killed) << t.error;
         std::vector<std::string> open;  // names of the open intervals, innermost last
-        std::string last_implicit;
-        for (const std::string& line : render(t, names)) {
+        for (const std::string& line : t.lines) {
             const std::vector<std::string> w = words(line);
             if (w.size() < 2 || w[1] != "@openmp") continue;
             if (w[0] == "relation" && w[3] == "5") creator[w[2]] = w[4];
@@ -175,10 +166,9 @@ TEST(ompt_detailed_setting, unknown_value_warns_and_stays_plain) {
     ASSERT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(run.err, "WARNING unknown VUN_OPENMP 'Detailed': using the plain OpenMP translation\n");
     EXPECT_TRUE(objects_lines(dir.path).empty());
-    handle_names names;
-    std::vector<parsed_trace> traces = read_traces(dir.path);
-    for (const parsed_trace& t : traces) learn_handles(t, names);
-    for (const auto& n : names) EXPECT_NE(n.second, "@omp_taskwait");
+    for (const rendered_trace& t : read_rendered(dir.path))
+        for (const std::string& line : t.lines)
+            EXPECT_EQ(line.find("@omp_taskwait"), std::string::npos) << line;
 }
 
 }  // namespace

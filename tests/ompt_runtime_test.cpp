@@ -2,10 +2,8 @@
 // tool: the trace files must agree with what the program reports it did.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <iterator>
 #include <map>
 #include <set>
 #include <sstream>
@@ -63,20 +61,20 @@ TEST_P(ompt_runtime, trace_agrees_with_the_program) {
     // "out:V" (V decimal; inout counts as out).
     std::string runtime;
     std::uint64_t code = 0;
-    std::vector<int> team_sizes;
+    std::multiset<int> team_sizes;
     std::multiset<std::multiset<std::string>> declared;
     int tasks = 0;
     std::istringstream report(run.out);
     for (std::string line, word; std::getline(report, line);) {
-        std::istringstream words(line);
-        words >> word;
-        if (word == "runtime") words >> runtime;
-        if (word == "code") words >> std::hex >> code;
-        if (word == "region") team_sizes.push_back(std::stoi(line.substr(7)));
+        std::istringstream in(line);
+        in >> word;
+        if (word == "runtime") in >> runtime;
+        if (word == "code") in >> std::hex >> code;
+        if (word == "region") team_sizes.insert(std::stoi(line.substr(7)));
         if (word != "task") continue;
         ++tasks;
         std::multiset<std::string> deps;
-        for (size_t colon; words >> word && (colon = word.find(':')) != std::string::npos;)
+        for (size_t colon; in >> word && (colon = word.find(':')) != std::string::npos;)
             deps.insert((word.substr(0, colon) == "in" ? "in:" : "out:") +
                         std::to_string(std::stoull(word.substr(colon + 1), nullptr, 16)));
         if (!deps.empty()) declared.insert(deps);
@@ -86,21 +84,16 @@ TEST_P(ompt_runtime, trace_agrees_with_the_program) {
     // The outer region and one nested region per thread of its team.
     ASSERT_EQ(team_sizes.size(), 1u + (c.threads[0] - '0')) << run.out;
 
-    std::vector<parsed_trace> traces = read_traces(dir.path);
-    handle_names names;
-    for (const parsed_trace& t : traces) learn_handles(t, names);
     std::vector<std::string> regions;                        // R of each composite node
     std::map<std::string, int> members;                      // R -> implicit tasks under it
     std::map<std::string, std::multiset<std::string>> deps;  // T -> "in:V" / "out:V"
     std::set<std::string> task_nodes;                        // T of each task node
     std::vector<std::uint64_t> task_code;                    // code addresses of those tasks
     int explicit_begun = 0, barriers = 0, region_code = 0;
-    for (const parsed_trace& t : traces) {
-        EXPECT_TRUE(t.ok && t.finished) << t.error;
-        std::vector<std::string> lines = render(t, names);
-        for (size_t i = 0; i < lines.size(); ++i) {
-            std::istringstream in(lines[i]);
-            const std::vector<std::string> w{std::istream_iterator<std::string>(in), {}};
+    for (const rendered_trace& t : read_rendered(dir.path)) {
+        EXPECT_TRUE(t.complete) << t.error;
+        for (size_t i = 0; i < t.lines.size(); ++i) {
+            const std::vector<std::string> w = words(t.lines[i]);
             if (w.size() < 2 || w[1] != "@openmp") continue;
             if (w[0] == "task_group" && w.back() == "@composite_node") regions.push_back(value_of(w[2], 1));
             if (w[0] == "task_group" && w.back() == "@node" && !value_of(w[2], 1).empty())
@@ -110,7 +103,7 @@ TEST_P(ompt_runtime, trace_agrees_with_the_program) {
             if (w[0] == "task_begin" && w.back() == "@omp_explicit") {
                 ++explicit_begun;
                 // A task body without OpenMP constructs: it ends right away.
-                EXPECT_TRUE(i + 1 < lines.size() && lines[i + 1] == "task_end @openmp") << lines[i];
+                EXPECT_TRUE(i + 1 < t.lines.size() && t.lines[i + 1] == "task_end @openmp") << t.lines[i];
             }
             if (w[0] == "relation" && w[3] == "7") {
                 if (!value_of(w[2], 1).empty()) deps[value_of(w[2], 1)].insert("out:" + value_of(w[4], 0));
@@ -125,10 +118,8 @@ TEST_P(ompt_runtime, trace_agrees_with_the_program) {
 
     // One composite node, one code address and one implicit task per team
     // member for every region that ran.
-    std::vector<int> sizes;
-    for (const std::string& r : regions) sizes.push_back(members[r]);
-    std::sort(sizes.begin(), sizes.end());
-    std::sort(team_sizes.begin(), team_sizes.end());
+    std::multiset<int> sizes;
+    for (const std::string& r : regions) sizes.insert(members[r]);
     EXPECT_EQ(sizes, team_sizes);
     EXPECT_EQ(std::set<std::string>(regions.begin(), regions.end()).size(), regions.size());
     EXPECT_EQ(region_code, int(regions.size()));

@@ -1,4 +1,7 @@
-// Parser outcomes, limits and queries, checked through the dumped tree.
+// The XML document library: token kinds and texts, raw element text,
+// look-ahead and messages; parser outcomes, limits and queries, checked
+// through the dumped tree; serialiser bytes; and round trips through the
+// trace files that the collector writes.
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -6,34 +9,179 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "child.h"
+#include "trace_text.h"
 #include "xml.h"
 
 namespace {
 
+// The input written to a file of a fresh temporary directory.
 struct input_file {
     temp_dir dir;
     std::string path = dir.path + "/in.xml";
     explicit input_file(const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 };
 
-// The dump, without the declaration line when it is the preset one.
-std::string dump_of(const xml::document& doc) {
+// A document on such a file, and what parse answered.
+struct text_doc : input_file {
+    xml::document doc{path.c_str()};
+    bool ok = doc.parse();
+    explicit text_doc(const std::string& text) : input_file(text) {}
+};
+
+template <typename T>  // an element or a document
+std::string dump_of(const T& e) {
     std::ostringstream out;
-    doc.dump(out);
-    const std::string text = out.str(), preset = "<?xml  version=\"1.0\"?>\n";
+    e.dump(out);
+    return out.str();
+}
+
+// The dump of a document, without the declaration line when it is the preset one.
+std::string tree_of(const xml::document& doc) {
+    const std::string text = dump_of(doc), preset = "<?xml  version=\"1.0\"?>\n";
     return text.compare(0, preset.size(), preset) == 0 ? text.substr(preset.size()) : text;
 }
 
+// ---------------------------------------------------------------- tokenizer
+
+// Bytes from memory through an overridden getc, as ryl's trace reader does.
+struct memory_tokenizer : xml::tokenizer {
+    std::string bytes;
+    size_t at = 0;
+    explicit memory_tokenizer(std::string b) : xml::tokenizer(nullptr), bytes(std::move(b)) {}
+    int getc() override { return at < bytes.size() ? static_cast<unsigned char>(bytes[at++]) : -1; }
+};
+
+// Tokens of t, each as its character (END for -1), names as n(text) and
+// strings as "(text); stops after END.
+std::string tokens_of(xml::tokenizer& t) {
+    char buf[1024];
+    std::string out;
+    for (int i = 0; i < 64; ++i) {
+        const int kind = t.next_token(buf, sizeof buf);
+        if (kind == xml::token_end) return out + "END";
+        out += static_cast<char>(kind);
+        out += kind == xml::token_name || kind == xml::token_string ? "(" + std::string(buf) + ") " : " ";
+    }
+    return out + "...";
+}
+
+// The tokens of the input read from a file; an overridden getc must give the same.
+std::string tokens(const std::string& input) {
+    input_file file(input);
+    xml::tokenizer t(file.path.c_str());
+    memory_tokenizer m(input);
+    const std::string out = tokens_of(t);
+    EXPECT_EQ(tokens_of(m), out) << "overridden getc";
+    return out;
+}
+
+TEST(xml_token, kinds_and_texts) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"", "END"},
+        {"<a b=\"1\"/>", "b n(a) n(b) = \"(1) E END"},
+        {"<a />", "b n(a) E END"},
+        {"<a/>", "b n(a/) > END"},  // the slash belongs to the name
+        {"<?xml version=\"1.0\"?>", "x n(xml) n(version) = \"(1.0) X END"},
+        {"</x>", "e n(x) > END"},
+        {"a=b>c?>d\te", "n(a) = n(b) > n(c) X n(d) n(e) END"},
+        {"a<b/\"c", "n(a<b/\"c) END"},
+        {std::string(2000, 'n') + " x", "n(" + std::string(1023, 'n') + ") n(x) END"},
+        // A comment ends at two or more dashes and ">".
+        {"<a> <!-- <b> - -- x --> </a>", "b n(a) > c e n(a) > END"},
+        {"<!---->x <!-->x-->y <!-- a --->z", "c n(x) c n(y) c n(z) END"},
+        // Constructs the tokenizer does not know end the input.
+        {"<!- a -->", "END"}, {"<!DOCTYPE x>", "END"}, {"<![CDATA[x]]>", "END"}, {"/ >", "END"},
+        {"?x", "END"},
+        // A backslash takes the next character into the string, a backslash too.
+        {"\"a\\\"b\" \"a\\\\\"b\" c", "\"(a\\\"b) \"(a\\\\\"b) n(c) END"},
+        {"\" a\n\tb \"", "\"( a\n\tb ) END"},
+        // Bytes 0x80..0xFE separate tokens; 0xFF ends the input between tokens.
+        {"\x80" "a\xFE" "b \"\x80\xFE\"", "n(a) n(b) \"(\x80\xFE) END"},
+        {"a\xFF" "b \"\xFF\xFF" "x\" c \xFF d", "n(a\xFF" "b) \"(\xFF\xFF" "x) n(c) END"},
+        {"<abc", "b n(abc) END"}, {"a=\"abc", "n(a) = END"}, {"<!-- abc -", "END"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(tokens(c.first), c.second) << testing::PrintToString(c.first);
+}
+
+// Without a buffer (null, or size 0) names and strings are read and not
+// stored; capture_string into a small one warns once per dropped character.
+TEST(xml_token, no_buffer_takes_nothing_and_small_buffer_warns) {
+    input_file file("n \"s\" = m \"t\" = \"hello\" b");
+    xml::tokenizer t(file.path.c_str());
+    char untouched[4] = "abc";
+    for (int kind : {xml::token_name, xml::token_string}) EXPECT_EQ(t.next_token(untouched, 0), kind);
+    for (int kind : {xml::token_equals, xml::token_name, xml::token_string, xml::token_equals})
+        EXPECT_EQ(t.next_token(nullptr, 0), kind);
+    EXPECT_STREQ(untouched, "abc");
+    char buf[4];
+    ASSERT_EQ(t.next_char(), '"');
+    testing::internal::CaptureStdout();
+    t.capture_string(buf, sizeof buf);
+    const std::string line = "WARNING: buffer 4 is too small for string, truncating\n";
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), line + line);
+    EXPECT_STREQ(buf, "hel");
+    EXPECT_EQ(t.next_token(buf, sizeof buf), xml::token_name);
+    EXPECT_STREQ(buf, "b");
+}
+
+// A tokenizer standing after the ">" of the start tag of the input's first element.
+struct after_start_tag {
+    input_file file;
+    xml::tokenizer t{file.path.c_str()};
+    explicit after_start_tag(const std::string& input) : file(input) {
+        while (t.next_token(nullptr, 0) != xml::token_tag_close) {
+        }
+    }
+};
+
+// Raw content up to the end tag that closes the element; a buffer too small
+// for it keeps size - 2 characters and warns once.
+TEST(xml_text, raw_content_up_to_closing_end_tag) {
+    const std::string warning = "WARNING: buffer too small for data, truncating\n";
+    const std::tuple<const char*, int, const char*, std::string> cases[] = {
+        {"<p>x <b>y</b> z</p>", 64, "x <b>y</b> z", ""}, {"<p>a<br/>b</p>", 64, "a<br/>b", ""},
+        {"<p><b>y</b></p>", 64, "<b>y</b>", ""}, {"<p>a &amp; \x80\xFE</p>", 64, "a &amp; \x80\xFE", ""},
+        {"<data></data>", 64, "", ""}, {"<data>  </data>", 64, "  ", ""},
+        {"<d>abcdefg</d>", 5, "abc", warning}};
+    for (const auto& [input, size, expected, out] : cases) {
+        after_start_tag s(input);
+        std::vector<char> text(size);  // exactly the size given, so that a write past it shows
+        testing::internal::CaptureStdout();
+        s.t.get_text(text.data(), size);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), out) << input;
+        EXPECT_STREQ(text.data(), expected) << input;
+        EXPECT_EQ(s.t.next_token(nullptr, 0), xml::token_end_tag) << input;
+    }
+    after_start_tag s("<a>  \n  hello</a>");
+    EXPECT_EQ(s.t.look_ahead(), 'h');
+    char text[16];
+    s.t.get_text(text, sizeof text);
+    EXPECT_STREQ(text, "hello");
+}
+
+// The file is closed with the tokenizer; without a name there is no file.
+TEST(xml_open, file_is_closed_with_tokenizer) {
+    input_file file("<a/>");
+    const size_t before = list_dir("/proc/self/fd").size();
+    auto* t = new xml::tokenizer(file.path.c_str());
+    EXPECT_EQ(list_dir("/proc/self/fd").size(), before + 1);
+    delete t;
+    EXPECT_EQ(list_dir("/proc/self/fd").size(), before);
+    xml::tokenizer none(nullptr);
+    EXPECT_EQ(none.next_token(nullptr, 0), xml::token_end);
+}
+
+// ---------------------------------------------------------------- parser
+
 // What parse answered, and the tree it left.
 std::pair<bool, std::string> parse(const std::string& input) {
-    input_file file(input);
-    xml::document doc(file.path.c_str());
-    const bool ok = doc.parse();
-    return {ok, dump_of(doc)};
+    text_doc t(input);
+    return {t.ok, tree_of(t.doc)};
 }
 
 TEST(xml_parse, well_formed) {
@@ -88,7 +236,7 @@ TEST(xml_parse, missing_file_gives_empty_document) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "ERROR: Could not open " + path + "\n");
     EXPECT_TRUE(doc.input.open_failed);
     EXPECT_EQ(doc.root, nullptr);
-    EXPECT_EQ(dump_of(doc), "");
+    EXPECT_EQ(tree_of(doc), "");
     EXPECT_EQ(doc.elem("7"), nullptr);
     EXPECT_TRUE(doc.elems("a").empty());
     EXPECT_TRUE(doc.elems("k", "v").empty());
@@ -96,15 +244,14 @@ TEST(xml_parse, missing_file_gives_empty_document) {
 
 TEST(xml_parse, long_names_values_and_text_are_cut) {
     const std::string name(2000, 'n'), value(2000, 'v'), text(150000, 't');
-    input_file file("<" + name + " " + name + "=\"" + value + "\">" + text + "</" + name + ">");
-    xml::document doc(file.path.c_str());
     testing::internal::CaptureStdout();
-    EXPECT_TRUE(doc.parse());  // the end tag's name is cut the same way, so it still matches
+    text_doc t("<" + name + " " + name + "=\"" + value + "\">" + text + "</" + name + ">");
+    EXPECT_TRUE(t.ok);  // the end tag's name is cut the same way, so it still matches
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "WARNING: buffer too small for data, truncating\n");
-    ASSERT_NE(doc.root, nullptr);
-    EXPECT_EQ(doc.root->name, name.substr(0, 1023));
-    EXPECT_EQ(doc.root->attributes.at(name.substr(0, 1023)), value.substr(0, 1023));
-    EXPECT_EQ(doc.root->text, text.substr(0, 99998));
+    ASSERT_NE(t.doc.root, nullptr);
+    EXPECT_EQ(t.doc.root->name, name.substr(0, 1023));
+    EXPECT_EQ(t.doc.root->attributes.at(name.substr(0, 1023)), value.substr(0, 1023));
+    EXPECT_EQ(t.doc.root->text, text.substr(0, 99998));
 }
 
 std::string repeat(const char* text, int times) {
@@ -117,13 +264,12 @@ std::string repeat(const char* text, int times) {
 // queries, dump and destruction stay within it, hostile depth is refused.
 void* deep_documents(void* result) {
     const int limit = xml::max_nesting_depth;
-    input_file deepest(repeat("<e>", limit) + repeat("</e>", limit)), hostile(repeat("<e>", 200000)),
-        too_deep(repeat("<e>", limit + 1) + repeat("</e>", limit + 1));
-    xml::document a(deepest.path.c_str()), b(too_deep.path.c_str()), c(hostile.path.c_str());
+    text_doc a(repeat("<e>", limit) + repeat("</e>", limit)),
+        b(repeat("<e>", limit + 1) + repeat("</e>", limit + 1)), c(repeat("<e>", 200000));
     const size_t below_root = limit - 1;
     bool& ok = *static_cast<bool*>(result);
-    ok = a.parse() && a.elems("e").size() == below_root && !b.parse() && !c.parse() &&
-         c.elems("e").size() == below_root && dump_of(a).size() > 3u * below_root * limit;
+    ok = a.ok && a.doc.elems("e").size() == below_root && !b.ok && !c.ok &&
+         c.doc.elems("e").size() == below_root && tree_of(a.doc).size() > 3u * below_root * limit;
     // A tree built by hand has no limit: queries and destruction still fit.
     xml::element deep("e", nullptr);
     xml::element* leaf = &deep;
@@ -154,12 +300,12 @@ std::string labels(const std::vector<xml::element*>& elements) {
 }
 
 TEST(xml_query, descendants_in_document_order_and_tree_unchanged) {
-    input_file file("<r n=\"r\" id=\"7\"><a n=\"a\" id=\"1\"><b n=\"ab\" k=\"v\"/></a>"
+    text_doc file("<r n=\"r\" id=\"7\"><a n=\"a\" id=\"1\"><b n=\"ab\" k=\"v\"/></a>"
                     "<c n=\"c\"><b n=\"cb\" id=\"7\" k=\"\"/></c>"
                     "<b n=\"b\" id=\"7\" k=\"v\"/><d n=\"d\" k=\"w\"/></r>");
-    xml::document doc(file.path.c_str());
-    ASSERT_TRUE(doc.parse());
-    const std::string before = dump_of(doc);
+    ASSERT_TRUE(file.ok);
+    xml::document& doc = file.doc;
+    const std::string before = tree_of(doc);
     const xml::element& r = *doc.root;
     EXPECT_EQ(labels(r.children(nullptr, nullptr, nullptr)), "a ab c cb b d");
     EXPECT_EQ(labels(r.children("b", nullptr, nullptr)), "ab cb b");
@@ -180,7 +326,7 @@ TEST(xml_query, descendants_in_document_order_and_tree_unchanged) {
     EXPECT_EQ(labels(doc.elems("k", "v")), "ab b");
     EXPECT_EQ(labels(doc.elems("b", "k", "")), "cb");
     EXPECT_EQ(labels(doc.elems("q", "missing")), "");
-    EXPECT_EQ(dump_of(doc), before);
+    EXPECT_EQ(tree_of(doc), before);
     // set_root keeps the same root alive and replaces another.
     EXPECT_EQ(doc.set_root(doc.root), &r);
     EXPECT_EQ(doc.set_root(new xml::element("z", nullptr))->name, "z");
@@ -192,15 +338,14 @@ TEST(xml_query, descendants_in_document_order_and_tree_unchanged) {
 TEST(xml_memory, parsed_elements_live_and_die_one_by_one) {
     std::string text = "<r>";
     for (int i = 0; i < 3000; ++i) text += "<e n=\"" + std::to_string(i) + "\">t" + std::to_string(i) + "</e>";
-    input_file file(text + "</r>");
     std::vector<xml::element*> taken;
     {
-        xml::document doc(file.path.c_str());
-        ASSERT_TRUE(doc.parse());
-        taken.swap(doc.root->child_elements);
-        doc.root->child_elements.push_back(taken.back());  // the document still owns this one
+        text_doc t(text + "</r>");
+        ASSERT_TRUE(t.ok);
+        taken.swap(t.doc.root->child_elements);
+        t.doc.root->child_elements.push_back(taken.back());  // the document still owns this one
         taken.pop_back();
-        doc.root->child_elements.push_back(new xml::element("made", "by new"));
+        t.doc.root->child_elements.push_back(new xml::element("made", "by new"));
     }
     ASSERT_EQ(taken.size(), 2999u);
     for (size_t i = 0; i < taken.size(); ++i) {
@@ -223,6 +368,115 @@ TEST(xml_memory, parsed_elements_live_and_die_one_by_one) {
     });
     for (xml::element* e : even) delete e;
     other.join();
+}
+
+// ---------------------------------------------------------------- dump
+
+xml::element* add(xml::element& parent, const char* name, const char* text = nullptr) {
+    return parent.child_elements.emplace_back(new xml::element(name, text));
+}
+
+TEST(xml_dump, element_forms) {
+    xml::element e("e", nullptr);
+    EXPECT_EQ(dump_of(e), "<e/>\n");
+    e.attributes = {{"a", "1"}, {"id", "2"}, {"b", "<&\""}};
+    EXPECT_EQ(dump_of(e), "<e  id=\"2\"  a=\"1\"  b=\"<&\"\"/>\n");
+    add(*add(e, "c"), "d", "t");
+    add(e, "xml");
+    EXPECT_EQ(dump_of(e), "<e  id=\"2\"  a=\"1\"  b=\"<&\"\">\n   <c>\n      <d>t</d>\n   </c>\n"
+                          "<?xml  version=\"1.0\"?>\n</e>\n");
+    e.text = "t <x>\n\"&";  // text wins over children
+    EXPECT_EQ(dump_of(e), "<e  id=\"2\"  a=\"1\"  b=\"<&\"\">t <x>\n\"&</e>\n");
+
+    xml::document doc(nullptr);
+    EXPECT_EQ(dump_of(doc), "<?xml  version=\"1.0\"?>\n");
+    add(*doc.set_root(new xml::element("a", nullptr)), "b", "hi");
+    EXPECT_EQ(dump_of(doc), "<?xml  version=\"1.0\"?>\n<a>\n   <b>hi</b>\n</a>\n");
+
+    xml::element decl("xml", nullptr);
+    decl.attributes["id"] = "d";
+    EXPECT_EQ(dump_of(decl), "<?xml  id=\"d\"  version=\"1.0\"?>\n");
+    decl.text = "t";
+    EXPECT_EQ(dump_of(decl), "<?xml  id=\"d\"  version=\"1.0\">t</xml>\n");
+}
+
+// Records what the stream held at each flush.
+struct flush_log : std::stringbuf {
+    std::vector<std::string> at_flush;
+    int sync() override {
+        at_flush.push_back(str());
+        return 0;
+    }
+};
+
+TEST(xml_dump, every_line_is_flushed) {
+    xml::element a("a", nullptr);
+    add(a, "b");
+    flush_log log;
+    std::ostream out(&log);
+    a.dump(out);
+    EXPECT_EQ(log.at_flush, (std::vector<std::string>{"<a>\n", "<a>\n   <b/>\n", "<a>\n   <b/>\n</a>\n"}));
+}
+
+// ---------------------------------------------------------------- round trip
+
+// A record element as "name timestamp fields...", compound fields as {a,b,c}.
+std::string line_of(const xml::element& r) {
+    std::string out;
+    for (const xml::element* f : r.child_elements) {
+        std::string text = f->name == "compound_field" ? "" : f->text;
+        for (const xml::element* word : f->child_elements) text += (text.empty() ? "{" : ",") + word->text;
+        out += (out.empty() ? "" : " ") + text + (f->name == "compound_field" ? "}" : "");
+    }
+    return out;
+}
+
+// Every file the collector writes (here a few records on two threads of a
+// child) reads as the strict trace reader reads it; written out and parsed
+// again, the document gives the same text.
+TEST(xml_round_trip, collector_output) {
+    temp_dir run;
+    child_result child = run_in_child({{{"VUN_DIR", run.path}}, {}}, [](zop_api& api) {
+        auto emit = [&api](unsigned long long task) {
+            ___zop_domain* d = api.domain_createA("xml_round_trip");
+            ___zop_string_handle* h = api.string_handle_createA("task \"name\" &amp; more");
+            __zop_id id{task, 0, 18446744073709551615ULL}, none{0, 0, 0};
+            api.task_begin(d, id, none, h);
+            api.relation_add(d, id, 5, none);
+            api.task_end(d);
+        };
+        emit(1);
+        std::thread(emit, 2).join();
+    });
+    ASSERT_EQ(child.status, 0) << child.out << child.err;
+    std::vector<std::string> files = list_dir(run.path);
+    ASSERT_FALSE(files.empty());
+    size_t task_begins = 0;
+    for (const std::string& name : files) {
+        const std::string text = read_file(run.path + "/" + name);
+        const parsed_trace expected = parse_trace(text);
+        ASSERT_TRUE(expected.ok && expected.finished) << name << ": " << expected.error;
+        text_doc t(text);
+        ASSERT_TRUE(t.ok) << name;
+        EXPECT_EQ(t.doc.root->attributes.at("hardware_concurrency"),
+                  std::to_string(expected.hardware_concurrency));
+        std::vector<std::string> lines, expected_lines;
+        for (const xml::element* r : t.doc.elems("record")) lines.push_back(line_of(*r));
+        for (const parsed_record& r : expected.records) {
+            expected_lines.push_back(r.name + " " + std::to_string(r.timestamp));
+            for (const std::string& f : r.fields) expected_lines.back() += " " + f;
+        }
+        ASSERT_EQ(lines.size(), expected_lines.size() + 1) << name;
+        EXPECT_EQ(lines.back().substr(0, lines.back().find(' ')), "end_of_records");
+        lines.pop_back();
+        EXPECT_EQ(lines, expected_lines) << name;
+        for (const std::string& line : lines) task_begins += line.rfind("task_begin ", 0) == 0;
+        const std::string dumped = dump_of(t.doc);
+        text_doc again(dumped);
+        EXPECT_TRUE(again.ok) << name;
+        EXPECT_EQ(dump_of(again.doc), dumped) << name;
+    }
+    EXPECT_EQ(task_begins, 2u);
 }
 
 }  // namespace
