@@ -1,15 +1,16 @@
 # The ryl tool: run directories written by hand and by the library, checked,
-# summarised, turned into JSON and DOT; ryl run on the example programs. ryl
-# run preloads the library into programs built without sanitizers, so its
-# tests stay out of the sanitizer builds (label no_sanitizer).
+# summarised, turned into JSON, Perfetto, OTF2 and DOT; ryl run on the example
+# programs. ryl run preloads the library into programs built without
+# sanitizers, so its tests stay out of the sanitizer builds (label no_sanitizer).
 if(TARGET ryl)
   find_package(nlohmann_json 3 REQUIRED)
   ryl_add_test(ryl_read_test ryl_read_test.cpp LABELS ryl LIBS nlohmann_json::nlohmann_json)
   ryl_add_test(ryl_profile_test ryl_profile_test.cpp LABELS ryl LIBS nlohmann_json::nlohmann_json)
-  ryl_add_test(ryl_run_test ryl_run_test.cpp LABELS ryl no_sanitizer LIBS nlohmann_json::nlohmann_json)
+  ryl_add_test(ryl_run_test ryl_run_test.cpp LABELS ryl no_sanitizer
+               LIBS nlohmann_json::nlohmann_json ryl_perfetto_proto)
   # In the 32-bit build these cases trace system programs, which are 64-bit:
   # a 32-bit library cannot be preloaded into them.
-  ryl_disable_in_32bit(ryl_run_test ryl_run.sets_up_the_collector_and_summarises ryl_run.exit_statuses)
+  ryl_disable_in_32bit(ryl_run_test ryl_run.exit_statuses ryl_run.default_modes)
   foreach(_t ryl_read_test ryl_profile_test ryl_run_test)
     target_compile_definitions(${_t} PRIVATE RYL_TOOL="$<TARGET_FILE:ryl>")
     add_dependencies(${_t} ryl)
@@ -31,20 +32,5 @@ if(TARGET ryl)
   if(_ryl_omp_example)
     target_compile_definitions(ryl_run_test PRIVATE RYL_OMP_EXAMPLE="${_ryl_omp_example}")
     add_dependencies(ryl_run_test omp_example)
-  endif()
-endif()
-# ryl run's default modes and ryl export, read back with otf2-print.
-if(TARGET ryl)
-  ryl_add_test(ryl_export_test ryl_export_test.cpp LABELS ryl no_sanitizer LIBS ryl_perfetto_proto)
-  ryl_disable_in_32bit(ryl_export_test ryl_export.run_default_modes ryl_export.otf2_round_trips)
-  target_compile_definitions(ryl_export_test PRIVATE RYL_TOOL="$<TARGET_FILE:ryl>")
-  add_dependencies(ryl_export_test ryl)
-  if(TARGET threads_example)
-    target_compile_definitions(ryl_export_test PRIVATE RYL_THREADS_EXAMPLE="$<TARGET_FILE:threads_example>")
-    add_dependencies(ryl_export_test threads_example)
-  endif()
-  if(_ryl_omp_example)
-    target_compile_definitions(ryl_export_test PRIVATE RYL_OMP_EXAMPLE="${_ryl_omp_example}")
-    add_dependencies(ryl_export_test omp_example)
   endif()
 endif()

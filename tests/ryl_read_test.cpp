@@ -22,9 +22,7 @@ child_result ryl(std::vector<std::string> args) {
 
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
-void write(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
+void write(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
 std::string rec(const std::string& name, unsigned long long ts, const std::string& fields = "") {
     return "<record>\n" + field(name) + field(ts) + fields + "</record>\n";
@@ -127,7 +125,7 @@ TEST(ryl_check, every_cut_is_cut_short) {
     }
 }
 
-TEST(ryl_summary, hand_made_run) {
+TEST(ryl_summary, hand_made_run_and_its_timeline_pairing_tasks_per_thread) {
     temp_dir dir;
     write(dir.path + "/_ryl.0", thread0);
     write(dir.path + "/_ryl.1", thread1_cut);
@@ -152,27 +150,25 @@ TEST(ryl_summary, hand_made_run) {
         "string handles (2): \"a<b & \\\"c\\\"\", \"x</field>\\n</record>\\ny\"\n"
         "relations: 1 of kind 5\n",
         r.out);
-}
 
-TEST(ryl_timeline, chrome_json_pairs_tasks_per_thread) {
-    temp_dir dir;
+    // The same run as a Chrome JSON timeline, with a zero tail after the
+    // first file and a third file.
     write(dir.path + "/_ryl.0", thread0 + std::string(100, '\0'));
-    write(dir.path + "/_ryl.1", thread1_cut);
     write(dir.path + "/_ryl.2", header_lines(8) + named("string_handle_createA", 30, "bad \xff\xc3(") +
                                     begin(150, 9, 30) + rec("task_begin_async", 160, field(7) + id_field(4, 0, 0) +
                                     id_field(0, 0, 0) + field(30) + field(1)) + finish(170));
     const std::string out = dir.path + "/trace.json";
-    const child_result r = ryl({"timeline", dir.path, "-o", out});
-    ASSERT_EQ(0, r.status) << r.err;
-    EXPECT_NE(std::string::npos, r.err.find("warning: " + dir.path + "/_ryl.1: cut short")) << r.err;
+    const child_result t = ryl({"timeline", dir.path, "-o", out});
+    ASSERT_EQ(0, t.status) << t.err;
+    EXPECT_NE(std::string::npos, t.err.find("warning: " + dir.path + "/_ryl.1: cut short")) << t.err;
     const nlohmann::json j = nlohmann::json::parse(read_file(out));
     // Per thread: phase, name or "", time in microseconds after the first record.
     std::map<int, std::vector<std::string>> seen;
     for (const auto& e : j.at("traceEvents")) {
         const std::string ph = e.at("ph");
         if (ph == "M") continue;
-        std::string name = e.value("name", "");
-        seen[e.at("tid").get<int>()].push_back(ph + " " + name + " " + std::to_string(e.at("ts").get<double>()));
+        seen[e.at("tid").get<int>()].push_back(ph + " " + e.value("name", "") + " " +
+                                               std::to_string(e.at("ts").get<double>()));
     }
     EXPECT_EQ((std::vector<std::string>{"B a<b & \"c\" 0.900000", "B x</field>\n</record>\ny 1.400000",
                                         "E  1.600000", "E  2.900000"}),
@@ -228,21 +224,19 @@ TEST(ryl_graph, clusters_nodes_ports_and_labelled_relations) {
         EXPECT_NE(std::string::npos, dot.find(part)) << part << "\n" << dot;
     // Clusters nested 4000 deep (each group under the one before) are drawn
     // without recursion; past 5000 nodes the drawing is refused in one line.
-    for (const unsigned long long depth : {4000ull, 6000ull}) {
+    const auto nested = [&](unsigned long long depth) {
         std::string deep = header_lines(8) + named("string_handle_createA", 1, "graph");
         for (unsigned long long i = 1; i <= depth; ++i)
             deep += rec("task_group", 5, field(7) + id_field(i, 0, 0) + id_field(i - 1, 0, 0) + field(1));
         write(dir.path + "/_ryl.0", deep + finish(9));
-        const child_result nested = ryl({"graph", dir.path, "-o", out});
-        if (depth == 4000) {
-            ASSERT_EQ(0, nested.status) << nested.err;
-            EXPECT_NE(std::string::npos, read_file(out).find(std::string(2 * 33, ' ') + "subgraph cluster_4000_0_0 {"));
-        } else {
-            EXPECT_EQ(1, nested.status);
-            EXPECT_EQ("ryl: the relation graph has 6000 nodes, more than 5000 to draw; OpenMP runs are drawn by task "
-                      "kind without --relations\n", nested.err);
-        }
-    }
+        return ryl({"graph", dir.path, "-o", out});
+    };
+    ASSERT_EQ(0, nested(4000).status);
+    EXPECT_NE(std::string::npos, read_file(out).find(std::string(2 * 33, ' ') + "subgraph cluster_4000_0_0 {"));
+    const child_result refused = nested(6000);
+    EXPECT_EQ(1, refused.status);
+    EXPECT_EQ("ryl: the relation graph has 6000 nodes, more than 5000 to draw; OpenMP runs are drawn by task kind "
+              "without --relations\n", refused.err);
     write(dir.path + "/_ryl.0", openmp_graph());
     // The picture, when Graphviz is there, also from names with any bytes.
     if (run_program({"sh", "-c", "command -v dot"}, {}).status != 0) GTEST_SKIP() << "Graphviz dot is not installed";
@@ -279,40 +273,35 @@ void emit(zop_api& api, bool kill) {
 }
 
 TEST(ryl_library_runs, finished_and_killed_streamed_and_mapped) {
-    struct {
-        const char* mode;
-        bool kill;
-        int check_status;
-        const char* first_file;
-    } cases[] = {
-        {"stream", false, 0, "_ryl.0: 106 records, complete"},
-        {"mapped", false, 0, "_ryl.0: 106 records, complete"},
-        {"stream", true, 3, "_ryl.0: 105 records, cut short: last complete record is record 105 (metadata_stringA"},
-        {"mapped", true, 3, "_ryl.0: 105 records, cut short: last complete record is record 105 (metadata_stringA"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.mode) + (c.kill ? " killed" : " finished"));
-        temp_dir dir;
-        child_options options;
-        options.set_env = {{"VUN_DIR", dir.path}, {"VUN_MODE", c.mode}};
-        run_in_child(options, [&](zop_api& api) { emit(api, c.kill); });
+    for (const char* mode : {"stream", "mapped"})
+        for (const bool kill : {false, true}) {
+            SCOPED_TRACE(std::string(mode) + (kill ? " killed" : " finished"));
+            temp_dir dir;
+            child_options options;
+            options.set_env = {{"VUN_DIR", dir.path}, {"VUN_MODE", mode}};
+            run_in_child(options, [&](zop_api& api) { emit(api, kill); });
 
-        const child_result check = ryl({"check", dir.path});
-        EXPECT_EQ(c.check_status, check.status) << check.out;
-        const child_result summary = ryl({"summary", dir.path});
-        ASSERT_EQ(0, summary.status) << summary.err;
-        EXPECT_TRUE(contains(summary.out, c.first_file)) << summary.out;
-        EXPECT_TRUE(contains(summary.out, "  tasks: 50 begun, 50 ended\n")) << summary.out;
-        EXPECT_TRUE(contains(summary.out, "string handles (3): \"&amp; & x\", \"a<b\", \"say \\\"hi\\\"\"\n")) << summary.out;
+            const child_result check = ryl({"check", dir.path});
+            EXPECT_EQ(kill ? 3 : 0, check.status) << check.out;
+            const child_result summary = ryl({"summary", dir.path});
+            ASSERT_EQ(0, summary.status) << summary.err;
+            EXPECT_TRUE(contains(summary.out, kill ? "_ryl.0: 105 records, cut short: last complete record is "
+                                                     "record 105 (metadata_stringA"
+                                                   : "_ryl.0: 106 records, complete"))
+                << summary.out;
+            EXPECT_TRUE(contains(summary.out, "  tasks: 50 begun, 50 ended\n")) << summary.out;
+            EXPECT_TRUE(contains(summary.out, "string handles (3): \"&amp; & x\", \"a<b\", \"say \\\"hi\\\"\"\n"))
+                << summary.out;
 
-        const child_result timeline = ryl({"timeline", dir.path, "-o", dir.path + "/t.json"});
-        ASSERT_EQ(0, timeline.status) << timeline.err;
-        std::map<std::string, int> begins;
-        const nlohmann::json trace = nlohmann::json::parse(read_file(dir.path + "/t.json"));
-        for (const auto& e : trace.at("traceEvents"))
-            if (e.at("ph") == "B") ++begins[e.at("name").get<std::string>()];
-        EXPECT_EQ((std::map<std::string, int>{{odd_names[0], 17}, {odd_names[1], 17}, {odd_names[2], 16}}), begins);
-    }
+            const child_result timeline = ryl({"timeline", dir.path, "-o", dir.path + "/t.json"});
+            ASSERT_EQ(0, timeline.status) << timeline.err;
+            std::map<std::string, int> begins;
+            const nlohmann::json trace = nlohmann::json::parse(read_file(dir.path + "/t.json"));
+            for (const auto& e : trace.at("traceEvents"))
+                if (e.at("ph") == "B") ++begins[e.at("name").get<std::string>()];
+            EXPECT_EQ((std::map<std::string, int>{{odd_names[0], 17}, {odd_names[1], 17}, {odd_names[2], 16}}),
+                      begins);
+        }
 }
 
 // ryl must neither take over the files of the directory it reads (named by
