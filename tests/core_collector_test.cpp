@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <regex>
 #include <set>
 #include <thread>
@@ -26,6 +27,8 @@ const unsigned hc = std::thread::hardware_concurrency();
 const int pool = hc ? int(hc) : 8;
 
 std::string ryl(const std::string& dir, int n) { return dir + "/_ryl." + std::to_string(n); }
+// A file whose thread made one task_end record.
+std::string task_end_file() { return header_lines(hc) + record("task_end", field(0)) + file_end(); }
 
 // "_ryl.0" to "_ryl.<count - 1>" and any extra name, sorted.
 std::vector<std::string> pool_names(int count, const char* extra = nullptr) {
@@ -44,17 +47,17 @@ std::vector<std::string> pool_names(int count, const char* extra = nullptr) {
 // first records, later ones get new files; an ended thread's file is never
 // handed on. dlclose finishes every file and really unloads the library (the
 // collector lives in the library's own storage); loading it again starts a
-// fresh collector, which reads VUN_DIR again.
+// fresh collector, which reads VUN_DIR and VUN_MODE again: here a VUN_DIR
+// pattern of host name, process id and a literal percent sign (anything else
+// stays as it is), and an unknown VUN_MODE, with its warning.
 TEST(collector_directory, vun_dir_existing_files_in_emission_order_and_unload) {
     temp_dir dir, second;
-    FILE* old = fopen(ryl(dir.path, 0).c_str(), "w");
-    fputs("old contents that are longer than a header line\n", old);
-    fclose(old);
+    std::ofstream(ryl(dir.path, 0)) << "old contents that are longer than a header line\n";
     fclose(fopen(ryl(dir.path, 500).c_str(), "w"));
     const int threads = pool + 2;
     child_options options{{{"VUN_DIR", dir.path}}};
     options.unload = true;
-    child_result child = run_in_child(options, [&](zop_api& api) {
+    started_child started = start_child(options, [&](zop_api& api) {
         int trace_fds = 0, inheritable = 0;
         for (const std::string& fd : list_dir("/proc/self/fd")) {
             char target[4096];
@@ -64,19 +67,19 @@ TEST(collector_directory, vun_dir_existing_files_in_emission_order_and_unload) {
             inheritable += !(fcntl(std::stoi(fd), F_GETFD) & FD_CLOEXEC);
         }
         printf("%d %d\n", trace_fds, inheritable);
-        FILE* newer = fopen(ryl(dir.path, pool).c_str(), "w");
-        fputs("another process's records\n", newer);
-        fclose(newer);
+        std::ofstream(ryl(dir.path, pool)) << "another process's records\n";
         for (int i = 0; i < threads; ++i) std::thread([&api, i] { api.id_create(nullptr, {unsigned(i), 0, 0}); }).join();
         dlclose(api.handle);
         printf("unloaded=%d\n", dlopen(library_path(), RTLD_NOW | RTLD_NOLOAD) == nullptr);
-        setenv("VUN_DIR", second.path.c_str(), 1);
+        setenv("VUN_DIR", (second.path + "/run-%h-%p-%%-%x-%").c_str(), 1);
+        setenv("VUN_MODE", "fast", 1);
         api.handle = dlopen(library_path(), RTLD_NOW | RTLD_LOCAL);
         reinterpret_cast<decltype(&__zop_task_end)>(dlsym(api.handle, "__zop_task_end"))(nullptr);
     });
+    child_result child = wait_child(started);
     ASSERT_EQ(child.status, 0);
     EXPECT_EQ(child.out, std::to_string(pool) + " 0\nunloaded=1\n");
-    EXPECT_EQ(child.err, "");
+    EXPECT_EQ(child.err, "WARNING unknown VUN_MODE 'fast': writing trace files in stream mode\n");
     EXPECT_EQ(list_dir(dir.path), pool_names(threads + 1, "_ryl.500"));
     EXPECT_EQ(read_file(ryl(dir.path, pool)), "another process's records\n");
     for (int i = 0; i < threads; ++i)
@@ -84,10 +87,14 @@ TEST(collector_directory, vun_dir_existing_files_in_emission_order_and_unload) {
                   header_lines(hc) + record(trace_format::kind_id_create, {"0", std::to_string(i) + ",0,0"}) + file_end());
     // The fresh collector's files; the ones nobody took are finished at the
     // unload too.
-    EXPECT_EQ(mask_timestamps(read_file(ryl(second.path, 0))),
-              header_lines(hc) + record("task_end", field(0)) + file_end());
-    for (int i = 1; i < pool; ++i)
-        EXPECT_EQ(mask_timestamps(read_file(ryl(second.path, i))), header_lines(hc) + file_end());
+    char host[256] = "";
+    gethostname(host, sizeof host - 1);
+    const std::string made = "run-" + std::string(host) + "-" + std::to_string(started.pid) + "-%-%x-%";
+    EXPECT_EQ(list_dir(second.path), std::vector<std::string>{made});
+    EXPECT_EQ(list_dir(second.path + "/" + made), pool_names(pool));
+    for (int i = 0; i < pool; ++i)
+        EXPECT_EQ(mask_timestamps(read_file(ryl(second.path + "/" + made, i))),
+                  i ? header_lines(hc) + file_end() : task_end_file());
 }
 
 // Makes the run directory base names of the next seconds (and, with
@@ -116,10 +123,8 @@ TEST(collector_directory, unset_or_empty_vun_dir_takes_next_free_name) {
     for (const std::string setting : {"unset", "empty", "all taken"}) {
         temp_dir cwd;
         std::set<std::string> bases = occupy(cwd.path, 4, setting == "all taken");
-        child_options options;
-        options.cwd = cwd.path;
+        child_options options{{}, {"VUN_DIR"}, cwd.path};
         if (setting == "empty") options.set_env = {{"VUN_DIR", ""}};
-        else options.unset_env = {"VUN_DIR"};
         child_result child = run_in_child(options, [](zop_api& api) { api.task_end(nullptr); });
         ASSERT_EQ(child.status, 0) << setting;
         std::string made;
@@ -138,8 +143,7 @@ TEST(collector_directory, unset_or_empty_vun_dir_takes_next_free_name) {
             EXPECT_EQ(made.substr(20), "_000");
             EXPECT_EQ(list_dir(cwd.path + "/" + made), pool_names(pool));
         }
-        EXPECT_EQ(mask_timestamps(read_file(cwd.path + "/" + made + "/_ryl.0")),
-                  header_lines(hc) + record("task_end", field(0)) + file_end());
+        EXPECT_EQ(mask_timestamps(read_file(cwd.path + "/" + made + "/_ryl.0")), task_end_file());
     }
 }
 
@@ -183,52 +187,14 @@ TEST(collector_directory, unusable_vun_dir_diverts_to_standard_error) {
     }
 }
 
-// Many threads at once, many records each: every file complete, every
-// thread's records in its own file in order.
-TEST(collector_threads, concurrent_records_stay_whole) {
-    temp_dir dir;
-    const int threads = 8, records = 2000;
-    child_result child = run_in_child({{{"VUN_DIR", dir.path}}}, [&](zop_api& api) {
-        std::atomic<bool> go{false};
-        std::vector<std::thread> pool_threads;
-        for (int t = 0; t < threads; ++t)
-            pool_threads.emplace_back([&, t] {
-                while (!go.load()) std::this_thread::yield();
-                ___zop_string_handle* name = api.string_handle_createA(t % 2 ? "odd" : "even");
-                for (int i = 0; i < records; ++i) {
-                    api.task_begin(nullptr, {unsigned(t), unsigned(i), 0}, {0, 0, 0}, name);
-                    api.metadata_str_addA(nullptr, {unsigned(t), unsigned(i), 0}, name, "v", 1);
-                    api.task_end(nullptr);
-                }
-            });
-        go = true;
-        for (auto& th : pool_threads) th.join();
-    });
-    ASSERT_EQ(child.status, 0) << child.err;
-    std::set<int> seen;
-    for (const std::string& name : list_dir(dir.path)) {
-        parsed_trace trace = parse_trace(read_file(dir.path + "/" + name));
-        ASSERT_TRUE(trace.ok && trace.finished) << name << ": " << trace.error;
-        if (trace.records.empty()) continue;
-        ASSERT_EQ(trace.records.size(), size_t(1 + 3 * records)) << name;
-        int t = std::stoi(trace.records[1].fields[1].substr(1));
-        EXPECT_TRUE(seen.insert(t).second);
-        for (int i = 0; i < records; ++i) {
-            std::string id = "{" + std::to_string(t) + "," + std::to_string(i) + ",0}";
-            EXPECT_EQ(trace.records[1 + 3 * i].fields[1], id);
-            EXPECT_EQ(trace.records[2 + 3 * i].fields[1], id);
-            EXPECT_EQ(trace.records[3 + 3 * i].name, "task_end");
-        }
-    }
-    EXPECT_EQ(seen.size(), size_t(threads));
-}
-
-// While the process exits, a thread goes on emitting and creating handles
-// between its records, and new threads make their first records: the exit
-// does not stall, every file is finished, and each thread's records are whole
-// and in order up to a point, never with a gap. Events after the end (exit
-// handlers, threads) are dropped and make no file; handles are still given.
-TEST(collector_late_events, during_and_after_the_end) {
+// Many threads at once, many records each: every thread's records in a file
+// of its own, whole and in order. Then, while the process exits, a thread goes
+// on emitting and creating handles between its records, and new threads make
+// their first records: the exit does not stall, every file is finished, and
+// each thread's records are whole and in order up to a point, never with a
+// gap. Events after the end (exit handlers, threads) are dropped and make no
+// file; handles are still given.
+TEST(collector_threads, concurrent_records_and_events_during_and_after_the_end) {
     temp_dir dir;
     static zop_api* late_api;
     static std::atomic<bool> stop{false};
@@ -236,9 +202,8 @@ TEST(collector_late_events, during_and_after_the_end) {
     // misreads the exit of detached threads).
     static std::vector<std::thread>& threads = *new std::vector<std::thread>;
     static std::chrono::steady_clock::time_point exit_start;
-    const int starters = 32;
-    child_options options;
-    options.set_env = {{"VUN_DIR", dir.path}};
+    const int writers = 8, records = 2000, starters = 32;
+    child_options options{{{"VUN_DIR", dir.path}}};
     // Registered before the library is loaded: runs after the end.
     options.before_load = [] {
         atexit([] {
@@ -255,6 +220,20 @@ TEST(collector_late_events, during_and_after_the_end) {
     };
     child_result child = run_in_child(options, [&](zop_api& api) {
         late_api = &api;
+        std::atomic<bool> go{false};
+        std::vector<std::thread> writing;
+        for (int t = 0; t < writers; ++t)
+            writing.emplace_back([&, t] {
+                while (!go.load()) std::this_thread::yield();
+                ___zop_string_handle* name = api.string_handle_createA(t % 2 ? "odd" : "even");
+                for (int i = 0; i < records; ++i) {
+                    api.task_begin(nullptr, {unsigned(t), unsigned(i), 0}, {0, 0, 0}, name);
+                    api.metadata_str_addA(nullptr, {unsigned(t), unsigned(i), 0}, name, "v", 1);
+                    api.task_end(nullptr);
+                }
+            });
+        go = true;
+        for (auto& th : writing) th.join();
         // Many names, so that destroying registries at exit would take a while.
         for (int i = 0; i < 20000; ++i) api.string_handle_createA(std::to_string(i).c_str());
         threads.emplace_back([&api] {
@@ -263,28 +242,43 @@ TEST(collector_late_events, during_and_after_the_end) {
                 api.id_create(nullptr, {i, 0, 0});
             }
         });
-        static std::atomic<bool> go{false};
+        static std::atomic<bool> start{false};
         for (int i = 0; i < starters; ++i)
             threads.emplace_back([&api] {
-                while (!go) std::this_thread::yield();
+                while (!start) std::this_thread::yield();
                 api.task_end(nullptr);
             });
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        go = true;
+        start = true;
         exit_start = std::chrono::steady_clock::now();
     });
     ASSERT_EQ(child.status, 0) << child.err;
     EXPECT_EQ(child.out, "late handle 1\nexit stalled 0\n");
+    std::set<int> seen;  // the writers' numbers, and -1 for the thread emitting through the exit
     for (const std::string& name : list_dir(dir.path)) {
         parsed_trace trace = parse_trace(read_file(dir.path + "/" + name));
-        EXPECT_TRUE(trace.ok && trace.finished) << name << ": " << trace.error;
-        if (name != "_ryl.1") continue;
-        ASSERT_GT(trace.records.size(), 100u);
-        for (size_t i = 0; i < trace.records.size(); ++i)
-            ASSERT_EQ(trace.records[i].name + " " + trace.records[i].fields.back(),
-                      i % 2 ? "id_create {" + std::to_string(i / 2) + ",0,0}" : "domain_createA loop")
-                << "record " << i;
+        ASSERT_TRUE(trace.ok && trace.finished) << name << ": " << trace.error;
+        const std::vector<parsed_record>& r = trace.records;
+        if (!r.empty() && r[0].name == "domain_createA") {
+            EXPECT_TRUE(seen.insert(-1).second);
+            ASSERT_GT(r.size(), 100u);
+            for (size_t i = 0; i < r.size(); ++i)
+                ASSERT_EQ(r[i].name + " " + r[i].fields.back(),
+                          i % 2 ? "id_create {" + std::to_string(i / 2) + ",0,0}" : "domain_createA loop")
+                    << "record " << i;
+        } else if (r.size() > 1 && r[1].name == "task_begin") {
+            ASSERT_EQ(r.size(), size_t(1 + 3 * records)) << name;
+            int t = std::stoi(r[1].fields[1].substr(1));
+            EXPECT_TRUE(seen.insert(t).second);
+            for (int i = 0; i < records; ++i) {
+                std::string id = "{" + std::to_string(t) + "," + std::to_string(i) + ",0}";
+                EXPECT_EQ(r[1 + 3 * i].fields[1], id);
+                EXPECT_EQ(r[2 + 3 * i].fields[1], id);
+                EXPECT_EQ(r[3 + 3 * i].name, "task_end");
+            }
+        }
     }
+    EXPECT_EQ(seen.size(), size_t(writers + 1));
 }
 
 }  // namespace
