@@ -9,6 +9,7 @@
 
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <tuple>
 
 #include "child.h"
 #include "trace_text.h"
@@ -19,8 +20,6 @@ child_result ryl(std::vector<std::string> args) {
     args.insert(args.begin(), RYL_TOOL);
     return run_program(args, {});
 }
-
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 void write(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
@@ -50,12 +49,7 @@ const std::string thread1_cut = header_lines(8) + begin(2000, 3, 22) +
 TEST(ryl_check, reports_each_file) {
     const std::string ok = header_lines(8) + begin(10, 1, 21) + end(20) + finish(30);
     const std::string task = begin(10, 1, 21);
-    struct {
-        const char* name;
-        std::string text;
-        int status;
-        const char* line;
-    } cases[] = {
+    const std::tuple<const char*, std::string, int, const char*> cases[] = {
         {"complete", ok, 0, "ok, 3 records"},
         {"zero tail after the end", ok + std::string(64, '\0'), 0, "ok, 3 records, followed by 64 zero bytes"},
         {"empty", "", 3, "cut short: the file is empty; missing: the header, the end_of_records record and \"</trace>\""},
@@ -89,16 +83,16 @@ TEST(ryl_check, reports_each_file) {
     };
     temp_dir good;  // beside a complete directory, in either order, the status is the same
     write(good.path + "/_ryl.0", ok);
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, text, status, line] : cases) {
+        SCOPED_TRACE(name);
         temp_dir dir;
-        write(dir.path + "/_ryl.0", c.text);
+        write(dir.path + "/_ryl.0", text);
         const child_result r = ryl({"check", dir.path});
-        EXPECT_EQ(c.status, r.status) << r.out << r.err;
-        EXPECT_EQ(c.status, ryl({"check", good.path, dir.path}).status);
-        EXPECT_EQ(c.status, ryl({"check", dir.path, good.path}).status);
+        EXPECT_EQ(status, r.status) << r.out << r.err;
+        EXPECT_EQ(status, ryl({"check", good.path, dir.path}).status);
+        EXPECT_EQ(status, ryl({"check", dir.path, good.path}).status);
         EXPECT_NE(std::string::npos, r.out.find(dir.path + "/_ryl.0: ")) << r.out;
-        EXPECT_NE(std::string::npos, r.out.find(c.line)) << r.out;
+        EXPECT_NE(std::string::npos, r.out.find(line)) << r.out;
         EXPECT_EQ("", r.err);
     }
 }
@@ -106,11 +100,10 @@ TEST(ryl_check, reports_each_file) {
 // Cut at every byte, with and without a zero-filled tail: always "cut short",
 // and summary still reads exactly the records completed before the cut.
 TEST(ryl_check, every_cut_is_cut_short) {
-    const std::string text = thread0;
     temp_dir dir;
-    for (size_t n = 0; n + 1 < text.size(); n += 5) {
+    for (size_t n = 0; n + 1 < thread0.size(); n += 5) {
         SCOPED_TRACE(n);
-        const std::string part = text.substr(0, n);
+        const std::string part = thread0.substr(0, n);
         write(dir.path + "/_ryl.0", n % 2 ? part : part + std::string(512, '\0'));
         const child_result r = ryl({"check", dir.path});
         ASSERT_EQ(3, r.status) << r.out;
@@ -164,36 +157,33 @@ TEST(ryl_summary, hand_made_run_and_its_timeline_pairing_tasks_per_thread) {
     const nlohmann::json j = nlohmann::json::parse(read_file(out));
     // Per thread: phase, name or "", time in microseconds after the first record.
     std::map<int, std::vector<std::string>> seen;
-    for (const auto& e : j.at("traceEvents")) {
-        const std::string ph = e.at("ph");
-        if (ph == "M") continue;
-        seen[e.at("tid").get<int>()].push_back(ph + " " + e.value("name", "") + " " +
-                                               std::to_string(e.at("ts").get<double>()));
-    }
-    EXPECT_EQ((std::vector<std::string>{"B a<b & \"c\" 0.900000", "B x</field>\n</record>\ny 1.400000",
-                                        "E  1.600000", "E  2.900000"}),
-              seen[0]);  // the third end has no begin and is dropped
-    EXPECT_EQ((std::vector<std::string>{"B x</field>\n</record>\ny 1.900000", "E  2.400000"}), seen[1]);
-    // Closed at the end_of_records record; bytes that are not UTF-8 replaced.
-    EXPECT_EQ((std::vector<std::string>{"B bad \xEF\xBF\xBD\xEF\xBF\xBD( 0.050000", "b bad \xEF\xBF\xBD\xEF\xBF\xBD( 0.060000",
-                                        "E  0.070000", "e bad \xEF\xBF\xBD\xEF\xBF\xBD( 0.070000"}),
-              seen[2]);
+    for (const auto& e : j.at("traceEvents"))
+        if (e.at("ph") != "M")
+            seen[e.at("tid").get<int>()].push_back(e.at("ph").get<std::string>() + " " + e.value("name", "") +
+                                                   " " + std::to_string(e.at("ts").get<double>()));
+    const std::string bad = "bad \xEF\xBF\xBD\xEF\xBF\xBD(";  // bytes that are not UTF-8 replaced
+    const std::map<int, std::vector<std::string>> expected = {
+        // The third end of thread 0 has no begin and is dropped.
+        {0, {"B a<b & \"c\" 0.900000", "B x</field>\n</record>\ny 1.400000", "E  1.600000", "E  2.900000"}},
+        {1, {"B x</field>\n</record>\ny 1.900000", "E  2.400000"}},
+        // Closed at the end_of_records record.
+        {2, {"B " + bad + " 0.050000", "b " + bad + " 0.060000", "E  0.070000", "e " + bad + " 0.070000"}}};
+    EXPECT_EQ(expected, seen);
     EXPECT_EQ("app", j["traceEvents"][3].value("cat", ""));
 }
 
 // Records of one OpenMP region with an explicit task and a dependence, as the
-// adapter writes them (fields after the timestamp).
-std::string openmp_graph() {
-    auto group = [](unsigned long long a, unsigned long long b, unsigned long long pa, unsigned long long pb,
-                    unsigned long long name) {
+// adapter writes them (fields after the timestamp); node names the task.
+std::string openmp_graph(const std::string& node = "node") {
+    using ull = unsigned long long;
+    auto group = [](ull a, ull b, ull pa, ull pb, ull name) {
         return rec("task_group", 5, field(7) + id_field(a, b, 0) + id_field(pa, pb, 0) + field(name));
     };
-    auto relation = [](unsigned long long ha, unsigned long long hb, int kind, unsigned long long ta,
-                       unsigned long long tb) {
+    auto relation = [](ull ha, ull hb, int kind, ull ta, ull tb) {
         return rec("relation", 5, field(7) + id_field(ha, hb, 0) + field(kind) + id_field(ta, tb, 0));
     };
     return header_lines(2) + named("domain_createA", 7, "openmp") + named("string_handle_createA", 31, "graph") +
-           named("string_handle_createA", 32, "composite_node") + named("string_handle_createA", 33, "node") +
+           named("string_handle_createA", 32, "composite_node") + named("string_handle_createA", 33, node) +
            named("string_handle_createA", 34, "input_port_0") + named("string_handle_createA", 35, "output_port_0") +
            named("string_handle_createA", 36, "code_address") + group(19, 0, 0, 0, 31) + relation(2, 0, 3, 10, 1) +
            group(10, 1, 19, 0, 32) + group(11, 0, 10, 1, 33) + group(12, 0, 11, 0, 34) + group(11, 35, 11, 0, 35) +
@@ -204,8 +194,24 @@ std::string openmp_graph() {
 
 TEST(ryl_graph, clusters_nodes_ports_and_labelled_relations) {
     temp_dir dir;
-    write(dir.path + "/_ryl.0", openmp_graph());
     const std::string out = dir.path + "/graph.dot";
+    // Clusters nested 4000 deep (each group under the one before) are drawn
+    // without recursion; past 5000 nodes the drawing is refused in one line.
+    const auto nested = [&](unsigned long long depth) {
+        std::string deep = header_lines(8) + named("string_handle_createA", 1, "graph");
+        for (unsigned long long i = 1; i <= depth; ++i)
+            deep += rec("task_group", 5, field(7) + id_field(i, 0, 0) + id_field(i - 1, 0, 0) + field(1));
+        write(dir.path + "/_ryl.0", deep + finish(9));
+        return ryl({"graph", dir.path, "-o", out});
+    };
+    ASSERT_EQ(0, nested(4000).status);
+    EXPECT_NE(std::string::npos, read_file(out).find(std::string(2 * 33, ' ') + "subgraph cluster_4000_0_0 {"));
+    const child_result refused = nested(6000);
+    EXPECT_EQ(1, refused.status);
+    EXPECT_EQ("ryl: the relation graph has 6000 nodes, more than 5000 to draw; OpenMP runs are drawn by task kind "
+              "without --relations\n", refused.err);
+
+    write(dir.path + "/_ryl.0", openmp_graph());
     const child_result r = ryl({"graph", dir.path, "-o", out});
     ASSERT_EQ(0, r.status) << r.err;
     const std::string dot = read_file(out);
@@ -222,32 +228,12 @@ TEST(ryl_graph, clusters_nodes_ports_and_labelled_relations) {
              "n_40_1_0 -> n_32512_0_0 [label=\"7\"]",
          })
         EXPECT_NE(std::string::npos, dot.find(part)) << part << "\n" << dot;
-    // Clusters nested 4000 deep (each group under the one before) are drawn
-    // without recursion; past 5000 nodes the drawing is refused in one line.
-    const auto nested = [&](unsigned long long depth) {
-        std::string deep = header_lines(8) + named("string_handle_createA", 1, "graph");
-        for (unsigned long long i = 1; i <= depth; ++i)
-            deep += rec("task_group", 5, field(7) + id_field(i, 0, 0) + id_field(i - 1, 0, 0) + field(1));
-        write(dir.path + "/_ryl.0", deep + finish(9));
-        return ryl({"graph", dir.path, "-o", out});
-    };
-    ASSERT_EQ(0, nested(4000).status);
-    EXPECT_NE(std::string::npos, read_file(out).find(std::string(2 * 33, ' ') + "subgraph cluster_4000_0_0 {"));
-    const child_result refused = nested(6000);
-    EXPECT_EQ(1, refused.status);
-    EXPECT_EQ("ryl: the relation graph has 6000 nodes, more than 5000 to draw; OpenMP runs are drawn by task kind "
-              "without --relations\n", refused.err);
-    write(dir.path + "/_ryl.0", openmp_graph());
     // The picture, when Graphviz is there, also from names with any bytes.
     if (run_program({"sh", "-c", "command -v dot"}, {}).status != 0) GTEST_SKIP() << "Graphviz dot is not installed";
     const child_result svg = ryl({"graph", dir.path, "-o", out, "--svg"});
     ASSERT_EQ(0, svg.status) << svg.err;
     EXPECT_NE(std::string::npos, read_file(dir.path + "/graph.svg").find("<svg"));
-    std::string text = openmp_graph();
-    const std::string odd = "node\\\" <&amp; \xff\n}";
-    text.replace(text.find(field("node")), field("node").size(), field(odd));
-    text.replace(text.find(field(4), text.find(field(33))), field(4).size(), field(odd.size()));
-    write(dir.path + "/_ryl.0", text);
+    write(dir.path + "/_ryl.0", openmp_graph("node\\\" <&amp; \xff\n}"));
     // -o naming the picture: the DOT text goes beside it.
     const child_result png = ryl({"graph", dir.path, "-o", dir.path + "/g.png", "--png"});
     ASSERT_EQ(0, png.status) << png.err;
@@ -277,21 +263,19 @@ TEST(ryl_library_runs, finished_and_killed_streamed_and_mapped) {
         for (const bool kill : {false, true}) {
             SCOPED_TRACE(std::string(mode) + (kill ? " killed" : " finished"));
             temp_dir dir;
-            child_options options;
-            options.set_env = {{"VUN_DIR", dir.path}, {"VUN_MODE", mode}};
-            run_in_child(options, [&](zop_api& api) { emit(api, kill); });
+            run_in_child({{{"VUN_DIR", dir.path}, {"VUN_MODE", mode}}, {}},
+                         [&](zop_api& api) { emit(api, kill); });
 
             const child_result check = ryl({"check", dir.path});
             EXPECT_EQ(kill ? 3 : 0, check.status) << check.out;
             const child_result summary = ryl({"summary", dir.path});
             ASSERT_EQ(0, summary.status) << summary.err;
-            EXPECT_TRUE(contains(summary.out, kill ? "_ryl.0: 105 records, cut short: last complete record is "
-                                                     "record 105 (metadata_stringA"
-                                                   : "_ryl.0: 106 records, complete"))
-                << summary.out;
-            EXPECT_TRUE(contains(summary.out, "  tasks: 50 begun, 50 ended\n")) << summary.out;
-            EXPECT_TRUE(contains(summary.out, "string handles (3): \"&amp; & x\", \"a<b\", \"say \\\"hi\\\"\"\n"))
-                << summary.out;
+            const char* file = kill ? "_ryl.0: 105 records, cut short: last complete record is record 105 "
+                                      "(metadata_stringA"
+                                    : "_ryl.0: 106 records, complete";
+            for (const char* part : {file, "  tasks: 50 begun, 50 ended\n",
+                                     "string handles (3): \"&amp; & x\", \"a<b\", \"say \\\"hi\\\"\"\n"})
+                EXPECT_NE(std::string::npos, summary.out.find(part)) << part << summary.out;
 
             const child_result timeline = ryl({"timeline", dir.path, "-o", dir.path + "/t.json"});
             ASSERT_EQ(0, timeline.status) << timeline.err;
@@ -314,9 +298,8 @@ TEST(ryl_self, leaves_run_directories_alone) {
         write(dir.path + name, old);
         utimensat(AT_FDCWD, (dir.path + name).c_str(), long_ago, 0);
     }
-    for (const char* vun_dir : {"", "x"}) {
-        const std::string value = *vun_dir ? dir.path : "";
-        const child_result r = run_program({RYL_TOOL, "summary", dir.path}, {{"VUN_DIR", value}}, {}, cwd.path);
+    for (const std::string& vun_dir : {std::string(), dir.path}) {
+        const auto r = run_program({RYL_TOOL, "summary", dir.path}, {{"VUN_DIR", vun_dir}}, {}, cwd.path);
         EXPECT_EQ(0, r.status) << r.err;
         EXPECT_EQ(old + old, read_file(dir.path + "/_ryl.0") + read_file(dir.path + "/_ryl.1"));
         EXPECT_EQ((std::vector<std::string>{"_ryl.0", "_ryl.1"}), list_dir(dir.path));
@@ -332,11 +315,7 @@ TEST(ryl_errors, one_line_and_an_exit_status) {
     write(bad + "/_ryl.0", "not xml\n");
     write(good + "/_ryl.0", thread0);
     mkdir((unreadable + "/_ryl.0").c_str(), 0777);  // opens, but cannot be read
-    struct {
-        std::vector<std::string> args;
-        int status;
-        std::string message;
-    } cases[] = {
+    const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
         {{}, 2, "usage: ryl COMMAND ..."},
         {{"frobnicate"}, 2, "ryl: unknown command \"frobnicate\""},
         {{"check"}, 2, "ryl: usage: ryl check DIR"},
@@ -352,12 +331,11 @@ TEST(ryl_errors, one_line_and_an_exit_status) {
         {{"check", good + "/_ryl.0"}, 0, ""},  // one file instead of a directory
         {{"help"}, 0, ""},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.args.empty() ? "(none)" : c.args[0]);
-        const child_result r = ryl(c.args);
-        EXPECT_EQ(c.status, r.status) << r.err;
-        EXPECT_EQ(0u, r.err.find(c.message)) << r.err;
-        if (c.status) EXPECT_NE(std::string::npos, r.err.find("ryl")) << r.err;
+    for (const auto& [args, status, message] : cases) {
+        SCOPED_TRACE(args.empty() ? "(none)" : args[0]);
+        const child_result r = ryl(args);
+        EXPECT_EQ(status, r.status) << r.err;
+        EXPECT_EQ(0u, r.err.find(message)) << r.err;  // from the first byte: each message names ryl
     }
 }
 

@@ -129,51 +129,53 @@ TEST(xml_token, no_buffer_takes_nothing_and_small_buffer_warns) {
     EXPECT_STREQ(buf, "b");
 }
 
-// A tokenizer standing after the ">" of the start tag of the input's first element.
-struct after_start_tag {
-    input_file file;
-    xml::tokenizer t{file.path.c_str()};
-    explicit after_start_tag(const std::string& input) : file(input) {
-        while (t.next_token(nullptr, 0) != xml::token_tag_close) {
-        }
-    }
-};
-
 // Raw content up to the end tag that closes the element; a buffer too small
-// for it keeps size - 2 characters and warns once.
+// for it keeps size - 2 characters and warns once. Whitespace that look_ahead
+// (when a character is given) skips is gone from the text.
 TEST(xml_text, raw_content_up_to_closing_end_tag) {
     const std::string warning = "WARNING: buffer too small for data, truncating\n";
-    const std::tuple<const char*, int, const char*, std::string> cases[] = {
-        {"<p>x <b>y</b> z</p>", 64, "x <b>y</b> z", ""}, {"<p>a<br/>b</p>", 64, "a<br/>b", ""},
-        {"<p><b>y</b></p>", 64, "<b>y</b>", ""}, {"<p>a &amp; \x80\xFE</p>", 64, "a &amp; \x80\xFE", ""},
-        {"<data></data>", 64, "", ""}, {"<data>  </data>", 64, "  ", ""},
-        {"<d>abcdefg</d>", 5, "abc", warning}};
-    for (const auto& [input, size, expected, out] : cases) {
-        after_start_tag s(input);
+    const std::tuple<const char*, int, const char*, std::string, char> cases[] = {
+        {"<p>x <b>y</b> z</p>", 64, "x <b>y</b> z", "", 0}, {"<p>a<br/>b</p>", 64, "a<br/>b", "", 0},
+        {"<p><b>y</b></p>", 64, "<b>y</b>", "", 0}, {"<data></data>", 64, "", "", 0},
+        {"<p>a &amp; \x80\xFE</p>", 64, "a &amp; \x80\xFE", "", 0}, {"<data>  </data>", 64, "  ", "", 0},
+        {"<d>abcdefg</d>", 5, "abc", warning, 0}, {"<a>  \n  hello</a>", 16, "hello", "", 'h'}};
+    for (const auto& [input, size, expected, out, ahead] : cases) {
+        input_file file(input);
+        xml::tokenizer t(file.path.c_str());
+        while (t.next_token(nullptr, 0) != xml::token_tag_close) {  // up to the ">" of the start tag
+        }
+        if (ahead) EXPECT_EQ(t.look_ahead(), ahead) << input;
         std::vector<char> text(size);  // exactly the size given, so that a write past it shows
         testing::internal::CaptureStdout();
-        s.t.get_text(text.data(), size);
+        t.get_text(text.data(), size);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), out) << input;
         EXPECT_STREQ(text.data(), expected) << input;
-        EXPECT_EQ(s.t.next_token(nullptr, 0), xml::token_end_tag) << input;
+        EXPECT_EQ(t.next_token(nullptr, 0), xml::token_end_tag) << input;
     }
-    after_start_tag s("<a>  \n  hello</a>");
-    EXPECT_EQ(s.t.look_ahead(), 'h');
-    char text[16];
-    s.t.get_text(text, sizeof text);
-    EXPECT_STREQ(text, "hello");
 }
 
-// The file is closed with the tokenizer; without a name there is no file.
-TEST(xml_open, file_is_closed_with_tokenizer) {
+// The file is closed with the tokenizer; without a name there is no file. A
+// missing file gives a document without a root, in which queries find nothing.
+TEST(xml_open, file_closed_with_tokenizer_and_missing_file_gives_empty_document) {
     input_file file("<a/>");
     const size_t before = list_dir("/proc/self/fd").size();
     auto* t = new xml::tokenizer(file.path.c_str());
     EXPECT_EQ(list_dir("/proc/self/fd").size(), before + 1);
     delete t;
     EXPECT_EQ(list_dir("/proc/self/fd").size(), before);
-    xml::tokenizer none(nullptr);
-    EXPECT_EQ(none.next_token(nullptr, 0), xml::token_end);
+    EXPECT_EQ(xml::tokenizer(nullptr).next_token(nullptr, 0), xml::token_end);
+
+    const std::string path = file.dir.path + "/none.xml";
+    testing::internal::CaptureStdout();
+    xml::document doc(path.c_str());
+    EXPECT_TRUE(doc.parse());
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "ERROR: Could not open " + path + "\n");
+    EXPECT_TRUE(doc.input.open_failed);
+    EXPECT_EQ(doc.root, nullptr);
+    EXPECT_EQ(tree_of(doc), "");
+    EXPECT_EQ(doc.elem("7"), nullptr);
+    EXPECT_TRUE(doc.elems("a").empty());
+    EXPECT_TRUE(doc.elems("k", "v").empty());
 }
 
 // ---------------------------------------------------------------- parser
@@ -184,8 +186,10 @@ std::pair<bool, std::string> parse(const std::string& input) {
     return {t.ok, tree_of(t.doc)};
 }
 
-TEST(xml_parse, well_formed) {
-    const std::pair<std::string, const char*> cases[] = {
+// What parse answers and the tree it leaves, for well-formed input first.
+TEST(xml_parse, well_formed_and_malformed) {
+    const std::string n(2000, 'n'), v(2000, 'v'), t(150000, 't'), cut = n.substr(0, 1023);
+    const std::pair<std::string, std::string> cases[] = {
         {"", ""},
         {"<?xml version=\"1.0\"?>\n<a x=\"1\" y=\"2\"></a>\n", "<a  x=\"1\"  y=\"2\"/>\n"},
         {"<?xml version=\"1.1\" encoding=\"UTF-8\"?><a />",
@@ -207,51 +211,28 @@ TEST(xml_parse, well_formed) {
         {"<p>a<!--c--></p></p>", "<p>a<!--c--></p></p>\n"},
         {"<a />\n<!DOCTYPE x>\n<b />", "<a/>\n"},  // ends the input at the top level
         {"<a>ab\xFF</a>", "<a>ab</a>\n"},
+        // Names and values are cut to 1023 characters, text to 99998 with a
+        // warning; the end tag's name is cut the same way, so it still matches.
+        {"<" + n + " " + n + "=\"" + v + "\">" + t + "</" + n + ">",
+         "<" + cut + "  " + cut + "=\"" + v.substr(0, 1023) + "\">" + t.substr(0, 99998) + "</" + cut +
+             ">\n"},
     };
+    testing::internal::CaptureStdout();
     for (const auto& c : cases)
-        EXPECT_EQ(parse(c.first), std::make_pair(true, std::string(c.second))) << c.first;
-}
+        EXPECT_EQ(parse(c.first), std::make_pair(true, c.second)) << c.first.substr(0, 100);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "WARNING: buffer too small for data, truncating\n");
 
-// Malformed input, grouped by the tree that stays: what was read before the fault.
-TEST(xml_parse, malformed) {
-    const std::pair<const char*, std::vector<std::string>> cases[] = {
+    // Malformed input, grouped by the tree that stays: what was read before the fault.
+    const std::pair<const char*, std::vector<std::string>> malformed[] = {
         {"", {"<?php x?>", "<?xml version=\"1.0\" <a/>", "hello", "</a>"}},
         {"<a/>\n", {"<a>", "<a />\n<b />", "<a><!DOCTYPE x></a>", "<a><!-- x</a>", "<a><?xml?></a>",
                     "<a b='1'/>", "<a b>", "<a b=\"1"}},
         {"<a>\n   <b/>\n</a>\n", {"<a><b /> t <c /></a>", "<a><b></c></a>", "<a><b /></a"}},
         {"<a//>\n", {"<a/>"}}, {"<a>text</a>\n", {"<a>text"}}, {"<a  b=\"1\"/>\n", {"<a b=\"1\" c>"}},
     };
-    for (const auto& c : cases)
+    for (const auto& c : malformed)
         for (const std::string& input : c.second)
             EXPECT_EQ(parse(input), std::make_pair(false, std::string(c.first))) << input;
-}
-
-// A missing file gives a document without a root, in which queries find nothing.
-TEST(xml_parse, missing_file_gives_empty_document) {
-    temp_dir dir;
-    const std::string path = dir.path + "/none.xml";
-    testing::internal::CaptureStdout();
-    xml::document doc(path.c_str());
-    EXPECT_TRUE(doc.parse());
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "ERROR: Could not open " + path + "\n");
-    EXPECT_TRUE(doc.input.open_failed);
-    EXPECT_EQ(doc.root, nullptr);
-    EXPECT_EQ(tree_of(doc), "");
-    EXPECT_EQ(doc.elem("7"), nullptr);
-    EXPECT_TRUE(doc.elems("a").empty());
-    EXPECT_TRUE(doc.elems("k", "v").empty());
-}
-
-TEST(xml_parse, long_names_values_and_text_are_cut) {
-    const std::string name(2000, 'n'), value(2000, 'v'), text(150000, 't');
-    testing::internal::CaptureStdout();
-    text_doc t("<" + name + " " + name + "=\"" + value + "\">" + text + "</" + name + ">");
-    EXPECT_TRUE(t.ok);  // the end tag's name is cut the same way, so it still matches
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "WARNING: buffer too small for data, truncating\n");
-    ASSERT_NE(t.doc.root, nullptr);
-    EXPECT_EQ(t.doc.root->name, name.substr(0, 1023));
-    EXPECT_EQ(t.doc.root->attributes.at(name.substr(0, 1023)), value.substr(0, 1023));
-    EXPECT_EQ(t.doc.root->text, text.substr(0, 99998));
 }
 
 std::string repeat(const char* text, int times) {
@@ -304,9 +285,8 @@ TEST(xml_query, descendants_in_document_order_and_tree_unchanged) {
                     "<c n=\"c\"><b n=\"cb\" id=\"7\" k=\"\"/></c>"
                     "<b n=\"b\" id=\"7\" k=\"v\"/><d n=\"d\" k=\"w\"/></r>");
     ASSERT_TRUE(file.ok);
-    xml::document& doc = file.doc;
-    const std::string before = tree_of(doc);
-    const xml::element& r = *doc.root;
+    const std::string before = tree_of(file.doc);
+    const xml::element& r = *file.doc.root;
     EXPECT_EQ(labels(r.children(nullptr, nullptr, nullptr)), "a ab c cb b d");
     EXPECT_EQ(labels(r.children("b", nullptr, nullptr)), "ab cb b");
     EXPECT_EQ(labels(r.children("b", "k", nullptr)), "ab cb b");
@@ -321,15 +301,15 @@ TEST(xml_query, descendants_in_document_order_and_tree_unchanged) {
     EXPECT_EQ(leaf->first_child(), nullptr);
     EXPECT_TRUE(leaf->children(nullptr, nullptr, nullptr).empty());
     // The document's shortcuts search below the root (names as literals).
-    EXPECT_EQ(labels({doc.elem("7")}), "cb");
-    EXPECT_EQ(labels(doc.elems("r")), "");
-    EXPECT_EQ(labels(doc.elems("k", "v")), "ab b");
-    EXPECT_EQ(labels(doc.elems("b", "k", "")), "cb");
-    EXPECT_EQ(labels(doc.elems("q", "missing")), "");
-    EXPECT_EQ(tree_of(doc), before);
+    EXPECT_EQ(labels({file.doc.elem("7")}), "cb");
+    EXPECT_EQ(labels(file.doc.elems("r")), "");
+    EXPECT_EQ(labels(file.doc.elems("k", "v")), "ab b");
+    EXPECT_EQ(labels(file.doc.elems("b", "k", "")), "cb");
+    EXPECT_EQ(labels(file.doc.elems("q", "missing")), "");
+    EXPECT_EQ(tree_of(file.doc), before);
     // set_root keeps the same root alive and replaces another.
-    EXPECT_EQ(doc.set_root(doc.root), &r);
-    EXPECT_EQ(doc.set_root(new xml::element("z", nullptr))->name, "z");
+    EXPECT_EQ(file.doc.set_root(file.doc.root), &r);
+    EXPECT_EQ(file.doc.set_root(new xml::element("z", nullptr))->name, "z");
 }
 
 // Parsed elements share large blocks of memory: each still lives on its own.
@@ -361,12 +341,10 @@ TEST(xml_memory, parsed_elements_live_and_die_one_by_one) {
     taken.pop_back();
     placed->~element();
     // Every other element on a second thread, at the same time as the rest here.
-    std::vector<xml::element*> odd, even;
-    for (size_t i = 0; i < taken.size(); ++i) (i % 2 ? odd : even).push_back(taken[i]);
-    std::thread other([&odd] {
-        for (xml::element* e : odd) delete e;
+    std::thread other([&taken] {
+        for (size_t i = 1; i < taken.size(); i += 2) delete taken[i];
     });
-    for (xml::element* e : even) delete e;
+    for (size_t i = 0; i < taken.size(); i += 2) delete taken[i];
     other.join();
 }
 
@@ -376,15 +354,31 @@ xml::element* add(xml::element& parent, const char* name, const char* text = nul
     return parent.child_elements.emplace_back(new xml::element(name, text));
 }
 
-TEST(xml_dump, element_forms) {
+// The text written between one flush of the stream and the next.
+struct flush_log : std::stringbuf {
+    std::vector<std::string> lines;
+    int sync() override {
+        lines.push_back(str());
+        str("");
+        return 0;
+    }
+};
+
+// Each line is flushed as soon as it is written.
+TEST(xml_dump, element_forms_flushed_line_by_line) {
     xml::element e("e", nullptr);
     EXPECT_EQ(dump_of(e), "<e/>\n");
     e.attributes = {{"a", "1"}, {"id", "2"}, {"b", "<&\""}};
     EXPECT_EQ(dump_of(e), "<e  id=\"2\"  a=\"1\"  b=\"<&\"\"/>\n");
     add(*add(e, "c"), "d", "t");
     add(e, "xml");
-    EXPECT_EQ(dump_of(e), "<e  id=\"2\"  a=\"1\"  b=\"<&\"\">\n   <c>\n      <d>t</d>\n   </c>\n"
-                          "<?xml  version=\"1.0\"?>\n</e>\n");
+    flush_log log;
+    std::ostream out(&log);
+    e.dump(out);
+    EXPECT_EQ(log.lines, (std::vector<std::string>{"<e  id=\"2\"  a=\"1\"  b=\"<&\"\">\n", "   <c>\n",
+                                                  "      <d>t</d>\n", "   </c>\n",
+                                                  "<?xml  version=\"1.0\"?>\n", "</e>\n"}));
+    EXPECT_EQ(log.str(), "");  // nothing after the last flush
     e.text = "t <x>\n\"&";  // text wins over children
     EXPECT_EQ(dump_of(e), "<e  id=\"2\"  a=\"1\"  b=\"<&\"\">t <x>\n\"&</e>\n");
 
@@ -400,40 +394,21 @@ TEST(xml_dump, element_forms) {
     EXPECT_EQ(dump_of(decl), "<?xml  id=\"d\"  version=\"1.0\">t</xml>\n");
 }
 
-// Records what the stream held at each flush.
-struct flush_log : std::stringbuf {
-    std::vector<std::string> at_flush;
-    int sync() override {
-        at_flush.push_back(str());
-        return 0;
-    }
-};
-
-TEST(xml_dump, every_line_is_flushed) {
-    xml::element a("a", nullptr);
-    add(a, "b");
-    flush_log log;
-    std::ostream out(&log);
-    a.dump(out);
-    EXPECT_EQ(log.at_flush, (std::vector<std::string>{"<a>\n", "<a>\n   <b/>\n", "<a>\n   <b/>\n</a>\n"}));
-}
-
 // ---------------------------------------------------------------- round trip
 
-// A record element as "name timestamp fields...", compound fields as {a,b,c}.
-std::string line_of(const xml::element& r) {
-    std::string out;
-    for (const xml::element* f : r.child_elements) {
-        std::string text = f->name == "compound_field" ? "" : f->text;
-        for (const xml::element* word : f->child_elements) text += (text.empty() ? "{" : ",") + word->text;
-        out += (out.empty() ? "" : " ") + text + (f->name == "compound_field" ? "}" : "");
-    }
-    return out;
+// An element written back in the layout of a trace file: its tags on lines
+// of their own, or its text between them when it has no children.
+std::string trace_layout(const xml::element& e) {
+    if (e.child_elements.empty()) return "<" + e.name + ">" + e.text + "</" + e.name + ">\n";
+    std::string out = "<" + e.name + ">\n";
+    for (const xml::element* child : e.child_elements) out += trace_layout(*child);
+    return out + "</" + e.name + ">\n";
 }
 
 // Every file the collector writes (here a few records on two threads of a
-// child) reads as the strict trace reader reads it; written out and parsed
-// again, the document gives the same text.
+// child) is a trace the strict reader accepts, and the tree holds all of it:
+// written back in the same layout it gives the file's bytes. Dumped and
+// parsed again, the document gives the same text.
 TEST(xml_round_trip, collector_output) {
     temp_dir run;
     child_result child = run_in_child({{{"VUN_DIR", run.path}}, {}}, [](zop_api& api) {
@@ -449,28 +424,17 @@ TEST(xml_round_trip, collector_output) {
         std::thread(emit, 2).join();
     });
     ASSERT_EQ(child.status, 0) << child.out << child.err;
-    std::vector<std::string> files = list_dir(run.path);
-    ASSERT_FALSE(files.empty());
-    size_t task_begins = 0;
-    for (const std::string& name : files) {
+    size_t task_begins = 0;  // both threads' files are read
+    for (const std::string& name : list_dir(run.path)) {
         const std::string text = read_file(run.path + "/" + name);
         const parsed_trace expected = parse_trace(text);
         ASSERT_TRUE(expected.ok && expected.finished) << name << ": " << expected.error;
+        for (const parsed_record& r : expected.records) task_begins += r.name == "task_begin";
         text_doc t(text);
         ASSERT_TRUE(t.ok) << name;
-        EXPECT_EQ(t.doc.root->attributes.at("hardware_concurrency"),
-                  std::to_string(expected.hardware_concurrency));
-        std::vector<std::string> lines, expected_lines;
-        for (const xml::element* r : t.doc.elems("record")) lines.push_back(line_of(*r));
-        for (const parsed_record& r : expected.records) {
-            expected_lines.push_back(r.name + " " + std::to_string(r.timestamp));
-            for (const std::string& f : r.fields) expected_lines.back() += " " + f;
-        }
-        ASSERT_EQ(lines.size(), expected_lines.size() + 1) << name;
-        EXPECT_EQ(lines.back().substr(0, lines.back().find(' ')), "end_of_records");
-        lines.pop_back();
-        EXPECT_EQ(lines, expected_lines) << name;
-        for (const std::string& line : lines) task_begins += line.rfind("task_begin ", 0) == 0;
+        std::string layout = header_lines(std::stoul(t.doc.root->attributes.at("hardware_concurrency")));
+        for (const xml::element* r : t.doc.root->child_elements) layout += trace_layout(*r);
+        EXPECT_EQ(layout + "</trace>\n", text) << name;
         const std::string dumped = dump_of(t.doc);
         text_doc again(dumped);
         EXPECT_TRUE(again.ok) << name;
