@@ -268,6 +268,16 @@ void on_record(state& s, thread_stats& t, std::vector<open_interval>& stack, uin
                 s.nodes.emplace_back();
                 s.nodes.back().kind = k;
                 s.nodes.back().first_begin = rec.timestamp;
+                // A region inside a task is that task's child, which it
+                // waits for at once: what the task does next follows the region.
+                const uint32_t creator = running_task(stack, s);
+                if (creator != no_node) {
+                    task_node& n = s.nodes.back();
+                    n.creator = creator;
+                    n.offset = work_so_far(s, stack, creator, rec.timestamp);
+                    n.waits_at_creation = s.nodes[creator].waits++;
+                    s.waits.push_back({creator, n.waits_at_creation, n.offset});
+                }
             }
             o.node = found.first->second;
         }
@@ -384,6 +394,13 @@ void compute_span(state& s) {
     std::vector<bool> start_from_creator(n, false);
     uint64_t finished_max = 0;
     uint32_t finished_arg = no_node;
+    // The longest path to the ends that no creator waits for (regions,
+    // tasks of an initial thread, tasks that outlive their creator): a
+    // region without a creator starts after those. Threads of the program
+    // that start regions of their own run side by side, so a region does not
+    // wait for the tasks of another thread's region.
+    uint64_t roots_finished_max = 0;
+    uint32_t roots_finished_arg = no_node;
     for (const event& e : events) {
         const uint32_t i = e.node;
         task_node& t = s.nodes[i];
@@ -403,8 +420,8 @@ void compute_span(state& s) {
                     if (path > start) start = path, start_via[i] = children[k], start_from_creator[i] = false;
                 }
             } else if (t.kind != interval_kind::explicit_task) {
-                start = finished_max;  // a region starts after everything before it
-                start_via[i] = finished_arg;
+                start = roots_finished_max;  // a region starts after the regions before it
+                start_via[i] = roots_finished_arg;
             }
             auto edge = std::lower_bound(s.edges.begin(), s.edges.end(), std::make_pair(uint32_t(0), i),
                                          [](const auto& x, const auto& y) { return x.second < y.second; });
@@ -424,6 +441,9 @@ void compute_span(state& s) {
             }
             t.end_path = end;
             if (end >= finished_max) finished_max = end, finished_arg = i;
+            // Ends no creator's end takes in (no creator, or one that ended first).
+            if ((t.creator == no_node || s.nodes[t.creator].end < t.end) && end >= roots_finished_max)
+                roots_finished_max = end, roots_finished_arg = i;
         }
     }
     s.out.span_ns = finished_max;

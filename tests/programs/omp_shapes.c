@@ -3,10 +3,12 @@
  * number of explicit tasks it created, and "main <address of main>". */
 #include <dlfcn.h>
 #include <omp.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,13 +21,15 @@ static void count(void) {
 
 static volatile int sink;
 static int scale = 1; /* the chain's tasks spin this many times longer (second argument) */
+static int links_done; /* tasks of chains ended so far */
 
 static void spin(int n) {
     for (int i = 0; i < n; ++i) sink += i;
 }
 
-/* A chain of 8 dependent tasks beside 8 independent ones a quarter as long. */
-static void chain(void) {
+/* A chain of 8 dependent tasks beside 8 independent ones a quarter as long;
+ * the tasks spin 100000 or 25000 times `length`. */
+static void chain(int length) {
     int link = 0;
 #pragma omp parallel
 #pragma omp single
@@ -34,12 +38,14 @@ static void chain(void) {
             count();
 #pragma omp task depend(inout : link) shared(link)
             {
-                spin(100000 * scale);
+                spin(100000 * length);
                 ++link;
+#pragma omp atomic
+                ++links_done;
             }
             count();
 #pragma omp task
-            spin(25000 * scale);
+            spin(25000 * length);
         }
     }
 }
@@ -121,6 +127,22 @@ static void nested_parallel(void) {
     }
 }
 
+/* A chain of tasks twice as long on a second thread of the program, begun
+ * once four tasks of the first thread's chain have ended: the two regions
+ * run side by side. */
+static void* later_chain(void* unused) {
+    struct timespec wait = {0, 1000 * 1000};
+    for (;;) {
+        int done;
+#pragma omp atomic read
+        done = links_done;
+        if (done >= 4) break;
+        nanosleep(&wait, NULL);
+    }
+    chain(2 * scale);
+    return unused;
+}
+
 /* Detached tasks, fulfilled by another task. */
 static void detach(void) {
 #pragma omp parallel
@@ -140,7 +162,14 @@ int main(int argc, char** argv) {
     const char* shape = argc > 1 ? argv[1] : "";
     if (!strcmp(shape, "chain")) {
         if (argc > 2) scale = atoi(argv[2]);
-        chain();
+        chain(scale);
+    }
+    else if (!strcmp(shape, "two_threads")) {
+        pthread_t second;
+        if (argc > 2) scale = atoi(argv[2]);
+        if (pthread_create(&second, NULL, later_chain, NULL) != 0) return 2;
+        chain(scale);
+        pthread_join(second, NULL);
     }
     else if (!strcmp(shape, "nested")) nested();
     else if (!strcmp(shape, "untied")) untied();
