@@ -11,8 +11,7 @@ std::string id_field(unsigned long long a, unsigned long long b, unsigned long l
 }
 
 std::string header_lines(unsigned hardware_concurrency) {
-    return "<?xml version=\"1.0\"?>\n<trace version=\"0\" ts_frequency=\"1000000000\" "
-           "hardware_concurrency=\"" +
+    return "<?xml version=\"1.0\"?>\n<trace version=\"0\" ts_frequency=\"1000000000\" hardware_concurrency=\"" +
            std::to_string(hardware_concurrency) + "\">\n";
 }
 
