@@ -279,6 +279,10 @@ TEST(ryl_profile, programs_of_known_shape_under_ryl_run) {
         EXPECT_EQ(functions, c.functions) << j["task_kinds"];
         EXPECT_EQ(lines.size(), c.lines ? c.lines : 1) << j["task_kinds"];
         EXPECT_EQ(counted, c.created);
+        // The times on the critical path add up to the span.
+        uint64_t on_path = 0;
+        for (const auto& k : j["critical_path"]) on_path += k["ns"].get<uint64_t>();
+        EXPECT_EQ(on_path, j["span_ns"].get<uint64_t>()) << j["critical_path"];
         if (chain) {
             // The chain's construct comes first in the source; its kind is
             // the one on the critical path, and the span is the chain.

@@ -4,6 +4,8 @@
 // the span; everything else is aggregated by site as it is read.
 #include "analysis.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <set>
 #include <unordered_map>
@@ -28,7 +30,6 @@ struct task_node {
     uint64_t offset = 0;           // the creator's own work before this task was created
     uint64_t work = 0;             // exclusive time of its fragments
     uint64_t first_begin = UINT64_MAX, end = 0;
-    uint64_t start_path = 0, end_path = 0;
 };
 
 struct open_interval {
@@ -369,29 +370,28 @@ void compute_span(state& s) {
                                          });
         return it != s.waits.end() && it->node == node && it->ordinal == ordinal ? it->work : fallback;
     };
-    // (time, 0 end / 1 start, node): ends first at equal times.
-    struct event {
-        uint64_t time;
-        uint32_t start, node;
-        bool operator<(const event& o) const {
-            return time != o.time ? time < o.time : start != o.start ? start < o.start : node < o.node;
-        }
-    };
-    std::vector<event> events;
-    events.reserve(2 * n);
-    for (uint32_t i = 0; i < n; ++i) {
-        const task_node& t = s.nodes[i];
-        if (t.first_begin == UINT64_MAX) continue;
-        events.push_back({t.first_begin, 1, i});
-        events.push_back({std::max(t.end, t.first_begin), 0, i});
-    }
-    std::sort(events.begin(), events.end());
+    // Tasks by start and by end time (ends first at equal times, then by
+    // index): two lists of indices, a quarter of the memory of events.
+    auto end_time = [&](uint32_t i) { return std::max(s.nodes[i].end, s.nodes[i].first_begin); };
+    std::vector<uint32_t> by_start, by_end;
+    for (uint32_t i = 0; i < n; ++i)
+        if (s.nodes[i].first_begin != UINT64_MAX) by_start.push_back(i);
+    by_end = by_start;
+    std::sort(by_start.begin(), by_start.end(), [&](uint32_t x, uint32_t y) {
+        return s.nodes[x].first_begin != s.nodes[y].first_begin ? s.nodes[x].first_begin < s.nodes[y].first_begin
+                                                                 : x < y;
+    });
+    std::sort(by_end.begin(), by_end.end(), [&](uint32_t x, uint32_t y) {
+        return end_time(x) != end_time(y) ? end_time(x) < end_time(y) : x < y;
+    });
+    // The longest path into each task's start and into its end.
+    std::vector<uint64_t> start_path(n, 0), end_path(n, 0);
     // Where the longest path into a task's start and into its end came from:
     // the end from a child's end or the task's own start; the start from an
     // end (a predecessor, a waited-for sibling, what ran before a region) or
     // from the creator's start.
     std::vector<uint32_t> start_via(n, no_node), end_via(n, no_node);
-    std::vector<bool> start_from_creator(n, false);
+    std::vector<bool> start_from_creator(n, false), start_from_sibling(n, false);
     uint64_t finished_max = 0;
     uint32_t finished_arg = no_node;
     // The longest path to the ends that no creator waits for (regions,
@@ -401,14 +401,16 @@ void compute_span(state& s) {
     // wait for the tasks of another thread's region.
     uint64_t roots_finished_max = 0;
     uint32_t roots_finished_arg = no_node;
-    for (const event& e : events) {
-        const uint32_t i = e.node;
-        task_node& t = s.nodes[i];
-        if (e.start) {
+    for (size_t next_start = 0, next_end = 0; next_start < by_start.size() || next_end < by_end.size();) {
+        const bool is_start = next_end == by_end.size() ||
+                              (next_start < by_start.size() &&
+                               s.nodes[by_start[next_start]].first_begin < end_time(by_end[next_end]));
+        const uint32_t i = is_start ? by_start[next_start++] : by_end[next_end++];
+        const task_node& t = s.nodes[i];
+        if (is_start) {
             uint64_t start = 0;
             if (t.creator != no_node) {
-                const task_node& c = s.nodes[t.creator];
-                start = c.start_path + t.offset;
+                start = start_path[t.creator] + t.offset;
                 start_via[i] = t.creator;
                 start_from_creator[i] = true;
                 // Children the creator waited for before creating this task.
@@ -416,8 +418,10 @@ void compute_span(state& s) {
                     const task_node& sib = s.nodes[children[k]];
                     if (sib.waits_at_creation >= t.waits_at_creation || sib.end > t.first_begin) continue;
                     const uint64_t at = wait_work(t.creator, sib.waits_at_creation, t.offset);
-                    const uint64_t path = sib.end_path + (t.offset > at ? t.offset - at : 0);
-                    if (path > start) start = path, start_via[i] = children[k], start_from_creator[i] = false;
+                    const uint64_t path = end_path[children[k]] + (t.offset > at ? t.offset - at : 0);
+                    if (path > start)
+                        start = path, start_via[i] = children[k], start_from_creator[i] = false,
+                        start_from_sibling[i] = true;
                 }
             } else if (t.kind != interval_kind::explicit_task) {
                 start = roots_finished_max;  // a region starts after the regions before it
@@ -426,20 +430,21 @@ void compute_span(state& s) {
             auto edge = std::lower_bound(s.edges.begin(), s.edges.end(), std::make_pair(uint32_t(0), i),
                                          [](const auto& x, const auto& y) { return x.second < y.second; });
             for (; edge != s.edges.end() && edge->second == i; ++edge)
-                if (s.nodes[edge->first].end_path > start)
-                    start = s.nodes[edge->first].end_path, start_via[i] = edge->first, start_from_creator[i] = false;
-            t.start_path = start;
+                if (end_path[edge->first] > start)
+                    start = end_path[edge->first], start_via[i] = edge->first, start_from_creator[i] = false,
+                    start_from_sibling[i] = false;
+            start_path[i] = start;
         } else {
-            uint64_t end = t.start_path + t.work;
+            uint64_t end = start_path[i] + t.work;
             for (uint32_t k = child_start[i]; k < child_start[i + 1]; ++k) {
                 const task_node& c = s.nodes[children[k]];
                 if (c.end > t.end || c.first_begin == UINT64_MAX) continue;
                 // A child waited for (or of a region's barrier) delays what follows.
                 const uint64_t at = c.waits_at_creation < t.waits ? wait_work(i, c.waits_at_creation, t.work) : t.work;
-                const uint64_t path = c.end_path + (t.work > at ? t.work - at : 0);
+                const uint64_t path = end_path[children[k]] + (t.work > at ? t.work - at : 0);
                 if (path > end) end = path, end_via[i] = children[k];
             }
-            t.end_path = end;
+            end_path[i] = end;
             if (end >= finished_max) finished_max = end, finished_arg = i;
             // Ends no creator's end takes in (no creator, or one that ended first).
             if ((t.creator == no_node || s.nodes[t.creator].end < t.end) && end >= roots_finished_max)
@@ -449,33 +454,57 @@ void compute_span(state& s) {
     s.out.span_ns = finished_max;
     // The path back from the last task to finish: from a task's end to the
     // child it waited for or to its own start, from a start to the end it
-    // waited for or to its creator's start.
-    std::vector<uint32_t> path;
+    // waited for or to its creator's start. Each task on it is listed once,
+    // where the path first meets it, with the time of its own that lies on
+    // the path (as the longest paths above counted it): these add up to the span.
+    std::vector<uint32_t> walk;
+    std::unordered_map<uint32_t, uint64_t> on_path;
     uint32_t i = finished_arg;
     bool at_end = true;
     for (size_t steps = 0; i != no_node && steps < 4 * n + 4; ++steps) {
+        const task_node& t = s.nodes[i];
         if (at_end) {
+            // Its work after waiting for that child, or all of it.
+            uint64_t own = t.work;
             if (end_via[i] != no_node) {
-                i = end_via[i];
-            } else {
-                path.push_back(i);
-                at_end = false;
+                const task_node& c = s.nodes[end_via[i]];
+                const uint64_t at = c.waits_at_creation < t.waits ? wait_work(i, c.waits_at_creation, t.work) : t.work;
+                own = t.work > at ? t.work - at : 0;
             }
+            on_path[i] += own;
+            if (own || end_via[i] == no_node) walk.push_back(i);
+            if (end_via[i] != no_node)
+                i = end_via[i];
+            else
+                at_end = false;
         } else {
+            // The creator's work before the creation, or since the wait for
+            // the sibling the path goes on to.
+            uint64_t creator_part = 0;
+            if (start_from_creator[i]) {
+                creator_part = t.offset;
+            } else if (start_from_sibling[i]) {
+                const uint64_t at = wait_work(t.creator, s.nodes[start_via[i]].waits_at_creation, t.offset);
+                creator_part = t.offset > at ? t.offset - at : 0;
+            }
+            if (creator_part || start_from_creator[i]) {
+                on_path[t.creator] += creator_part;
+                walk.push_back(t.creator);
+            }
             at_end = !start_from_creator[i];
             i = start_via[i];
-            if (i != no_node && !at_end && (path.empty() || path.back() != i)) path.push_back(i);
         }
     }
-    std::reverse(path.begin(), path.end());
-    for (uint32_t p : path) {
-        const task_node& t = s.nodes[p];
+    std::unordered_map<uint32_t, bool> listed;
+    for (auto w = walk.rbegin(); w != walk.rend(); ++w) {
+        if (!listed.emplace(*w, true).second) continue;
+        const task_node& t = s.nodes[*w];
         if (!s.out.critical_path.empty() && s.out.critical_path.back().site == t.site &&
             s.out.critical_path.back().kind == t.kind) {
             ++s.out.critical_path.back().tasks;
-            s.out.critical_path.back().ns += t.work;
+            s.out.critical_path.back().ns += on_path[*w];
         } else {
-            s.out.critical_path.push_back({t.site, t.kind, 1, t.work});
+            s.out.critical_path.push_back({t.site, t.kind, 1, on_path[*w]});
         }
     }
 }
@@ -641,6 +670,7 @@ bool analyse_pass(const std::vector<trace_path>& files, analysis& result, interv
     }
     // The ids are not needed past the reading: their memory goes before the span's.
     std::unordered_map<uint64_t, uint32_t>().swap(s.node_of_task);
+    malloc_trim(0);  // its many small blocks, back to the system before the span's arrays
     compute_span(s);
     early_use = s.early_use;
     return true;
