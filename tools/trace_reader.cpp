@@ -14,7 +14,7 @@ namespace ryl {
 
 int kind_of(const char* name, size_t size) {
     for (int k = 0; k < kind_count; ++k)
-        if (std::strlen(record_kinds[k].name) == size && std::memcmp(record_kinds[k].name, name, size) == 0)
+        if (std::strncmp(record_kinds[k].name, name, size) == 0 && record_kinds[k].name[size] == '\0')
             return k;
     return -1;
 }
@@ -129,20 +129,26 @@ void advance(trace_input& in, size_t k) {
 
 // When the input from the next slot on is line feeds and then text, as the
 // collector writes its tags, the number of line feeds; else SIZE_MAX.
-size_t tag_ahead(trace_input& in, const char* text) {
+size_t tag_ahead(trace_input& in, const char* text, size_t size) {
     size_t at = 0;
     while (peek(in, at) == '\n') ++at;
-    for (size_t i = 0; text[i]; ++i)
+    // The bytes in the slots one by one, the rest in the buffer at once.
+    size_t i = 0;
+    for (; i < size && at + i < 2; ++i)
         if (peek(in, at + i) != static_cast<unsigned char>(text[i])) return SIZE_MAX;
-    return at;
+    if (i == size) return at;
+    const size_t from = at + i - 2, need = from + size - i;
+    if (in.len - in.pos < need && !fill(in, need)) return SIZE_MAX;
+    return std::memcmp(in.buffer.data() + in.pos + from, text + i, size - i) == 0 ? at : SIZE_MAX;
 }
 
 // Such a tag taken at once: the tokenizer would read the same bytes into the
 // same tokens.
-bool quick(trace_input& in, const char* text) {
-    const size_t at = tag_ahead(in, text);
+template <size_t N>
+bool quick(trace_input& in, const char (&text)[N]) {
+    const size_t at = tag_ahead(in, text, N - 1);
     if (at == SIZE_MAX) return false;
-    advance(in, at + std::strlen(text));
+    advance(in, at + N - 1);
     return true;
 }
 
@@ -341,12 +347,14 @@ bool expect(trace_file& f, int t, const char* name, const char* expected, const 
 }
 
 // "<name>" and "</name>"; expected is the tag as written.
-bool open_tag(trace_file& f, const char* name, const char* expected, const field_ref* ref = nullptr) {
+template <size_t N>
+bool open_tag(trace_file& f, const char* name, const char (&expected)[N], const field_ref* ref = nullptr) {
     if (quick(*f.in, expected)) return true;
     return expect(f, xml::token_start_tag, "", expected, ref) && expect(f, xml::token_name, name, expected, ref) &&
            expect(f, xml::token_tag_close, "", expected, ref);
 }
-bool close_tag(trace_file& f, const char* name, const char* expected) {
+template <size_t N>
+bool close_tag(trace_file& f, const char* name, const char (&expected)[N]) {
     if (quick(*f.in, expected)) return true;
     return expect(f, xml::token_end_tag, "", expected) && expect(f, xml::token_name, name, expected) &&
            expect(f, xml::token_tag_close, "", expected);
@@ -536,7 +544,7 @@ bool open_trace(trace_file& f, const std::string& path) {
 // with the record's line that of its "<".
 bool quick_record_start(trace_file& f) {
     trace_input& in = *f.in;
-    const size_t at = tag_ahead(in, "<record>");
+    const size_t at = tag_ahead(in, "<record>", 8);
     if (at == SIZE_MAX) return false;
     advance(in, at + 1);
     f.open_line = current_line(in);
