@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -13,9 +14,13 @@
 namespace ryl {
 
 int kind_of(const char* name, size_t size) {
+    static const std::array<size_t, kind_count> lengths = [] {
+        std::array<size_t, kind_count> l{};
+        for (int k = 0; k < kind_count; ++k) l[size_t(k)] = std::strlen(record_kinds[k].name);
+        return l;
+    }();
     for (int k = 0; k < kind_count; ++k)
-        if (std::strncmp(record_kinds[k].name, name, size) == 0 && record_kinds[k].name[size] == '\0')
-            return k;
+        if (lengths[size_t(k)] == size && std::memcmp(record_kinds[k].name, name, size) == 0) return k;
     return -1;
 }
 
@@ -107,7 +112,11 @@ inline void shift(trace_input& in) {
 // k calls of getc would; else byte by byte.
 void advance(trace_input& in, size_t k) {
     const unsigned char* b = in.buffer.data() + in.pos;
-    if (k < 3 || in.pos + k > in.len || std::memchr(b, 0, k)) {
+    size_t line_feeds = 0;
+    bool zero = false;
+    if (k >= 3 && in.pos + k <= in.len)
+        for (size_t i = 0; i < k; ++i) line_feeds += b[i] == '\n', zero |= b[i] == 0;
+    if (k < 3 || in.pos + k > in.len || zero) {
         while (k--) shift(in);
         return;
     }
@@ -118,7 +127,7 @@ void advance(trace_input& in, size_t k) {
     in.after_next = static_cast<char>(b[k - 1]);
     in.calls += k;
     in.delivered += k;
-    for (size_t i = 0; i < k; ++i) in.line_feeds += b[i] == '\n';
+    in.line_feeds += line_feeds;
     if (in.zero_run) {  // zero bytes followed by others, as getc notes them
         if (!in.inner_zeros) in.inner_zeros_offset = in.zero_run_start;
         in.inner_zeros = true;
@@ -146,7 +155,19 @@ size_t tag_ahead(trace_input& in, const char* text, size_t size) {
 // same tokens.
 template <size_t N>
 bool quick(trace_input& in, const char (&text)[N]) {
-    const size_t at = tag_ahead(in, text, N - 1);
+    // As the collector writes them: the tag in the next slot, or a line feed
+    // there and the tag from the after-next slot on, its rest buffered.
+    constexpr size_t size = N - 1;
+    size_t at = SIZE_MAX;
+    if (slot_at_end(in, 2)) {
+        at = tag_ahead(in, text, size);
+    } else if (in.next == text[0] && in.after_next == text[1] && in.len - in.pos >= size - 2) {
+        if (std::memcmp(in.buffer.data() + in.pos, text + 2, size - 2) == 0) at = 0;
+    } else if (in.next == '\n' && in.after_next == text[0] && in.len - in.pos >= size - 1) {
+        if (std::memcmp(in.buffer.data() + in.pos, text + 1, size - 1) == 0) at = 1;
+    } else {
+        at = tag_ahead(in, text, size);
+    }
     if (at == SIZE_MAX) return false;
     advance(in, at + N - 1);
     return true;
