@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <set>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "symbols.h"
 
@@ -495,9 +496,9 @@ void compute_span(state& s) {
             i = start_via[i];
         }
     }
-    std::unordered_map<uint32_t, bool> listed;
+    std::unordered_set<uint32_t> listed;
     for (auto w = walk.rbegin(); w != walk.rend(); ++w) {
-        if (!listed.emplace(*w, true).second) continue;
+        if (!listed.insert(*w).second) continue;
         const task_node& t = s.nodes[*w];
         if (!s.out.critical_path.empty() && s.out.critical_path.back().site == t.site &&
             s.out.critical_path.back().kind == t.kind) {
