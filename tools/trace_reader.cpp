@@ -580,13 +580,13 @@ bool open_trace(trace_file& f, const std::string& path) {
 // with the record's line that of its "<".
 bool quick_record_start(trace_file& f) {
     trace_input& in = *f.in;
-    const size_t at = tag_ahead(in, "<record>", 8);
+    const size_t at = tag_ahead(in, "<record>", sizeof "<record>" - 1);
     if (at == SIZE_MAX) return false;
     advance(in, at + 1);
     f.open_line = current_line(in);
     f.open_kind = -1;
     f.open_fields = 0;
-    advance(in, std::strlen("record>"));
+    advance(in, sizeof "record>" - 1);
     return true;
 }
 
